@@ -1,0 +1,39 @@
+# Two commands for a fresh machine: `make example` and `make test`.
+# Both install what is missing (needs root or sudo), then build.
+
+JOBS ?= 2
+BUILD ?= build
+SAN_BUILD ?= build-san
+
+.PHONY: all deps build test test-release test-sanitize example bench clean
+
+all: build
+
+deps:
+	bash scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: test-release test-sanitize
+
+test-release: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# A second tree under AddressSanitizer and UndefinedBehaviorSanitizer, so that
+# any out-of-bounds access or undefined behaviour fails the tests.
+test-sanitize: deps
+	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DQ5_SANITIZE=ON
+	cmake --build $(SAN_BUILD) -j $(JOBS)
+	cd $(SAN_BUILD) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure -j $(JOBS)
+
+example: build
+	bash scripts/run-example.sh $(BUILD)/q5
+
+bench: build
+	cmake --build $(BUILD) --target q5_bench -j $(JOBS)
+	$(BUILD)/q5_bench
+
+clean:
+	rm -rf $(BUILD) $(SAN_BUILD)

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs what Q5 needs to build and test on Debian 12: compiler, CMake,
+# GoogleTest and Intel MKL (for PARDISO) from the non-free component.
+# Idempotent: packages already present are left alone.
+set -euo pipefail
+
+if [ "$(id -u)" -ne 0 ]; then
+  exec sudo -E bash "$0" "$@"
+fi
+
+export DEBIAN_FRONTEND=noninteractive
+packages=(g++ cmake make pkg-config libgtest-dev libmkl-dev)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+# MKL lives in Debian's non-free component, which the default sources omit.
+list=/etc/apt/sources.list.d/q5-non-free.sources
+if [ ! -f "$list" ]; then
+  cat > "$list" <<'SRC'
+Types: deb
+URIs: http://deb.debian.org/debian
+Suites: bookworm bookworm-updates
+Components: non-free
+Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
+SRC
+fi
+
+# The MKL package asks whether to make itself the system BLAS; answer no.
+echo "libmkl-rt libmkl-rt/use-as-default-blas-lapack boolean false" | debconf-set-selections || true
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,131 @@
+// Forward solver: matrix pattern, element equations, wavenumber quadrature,
+// primary potentials, the PARDISO adapter and the forward loop. Turns a
+// conductivity model into transfer resistances.
+#pragma once
+
+#include <vector>
+
+struct MeshModel;
+struct ElectrodeTable;
+struct MeasurementSet;
+
+// Row may hold at most this many entries beyond the diagonal.
+enum { CONNECTED_LIMIT = 100 };
+
+// Upper triangle of the symmetric conductance matrix in 1-based compressed
+// rows, diagonal first in each row, then the higher columns in ascending order.
+struct ConductanceMatrix {
+  int num_entries;                     // M, stored entries
+  std::vector<int> matrix_row_start;   // N + 1, 1-based positions; last is M + 1
+  std::vector<int> matrix_columns;     // M, 1-based columns
+  std::vector<double> matrix_values;   // M, values of one wavenumber
+  std::vector<int> matrix_permutation; // N, PARDISO's perm
+};
+
+// ---- matrix pattern ------------------------------------------------------
+
+// Counts the stored entries M of the mesh's pattern (writes its progress line
+// to the console). A row with more than CONNECTED_LIMIT higher neighbours is
+// fatal. nodes_per_element: 3 or 4.
+int count_storage(const MeshModel& mesh, int nodes_per_element);
+
+// Fills matrix_row_start and matrix_columns (sized N + 1 and M by the
+// caller) and writes its progress line to the console.
+void generate_index(const MeshModel& mesh, int nodes_per_element,
+                    ConductanceMatrix* cm);
+
+// ---- element equations ---------------------------------------------------
+
+// Element matrix of stiffness plus k^2 times mass for an element of p nodes
+// (3 or 4), split into sub-triangles about its vertex mean and condensed.
+//   ae     out: 25 doubles, column stride 5; the leading p by p block is the result
+//   node_x, node_y  in: node coordinates, 0-based arrays of N, metres
+//   nodes  in: p 1-based node numbers
+//   p      in: 3 or 4
+//   k      in: wavenumber, 1/m
+void element_matrix(double* ae, const double* node_x, const double* node_y,
+                    const int* nodes, int p, double k);
+
+// Assembles the matrix of wavenumber k into cm->matrix_values, with the
+// pinned node's diagonal times 1e10, between the timer calls "ele0"/"ele1".
+void assemble_matrix(const MeshModel& mesh, int nodes_per_element,
+                     const double* log_conductivity, double k,
+                     ConductanceMatrix* cm);
+
+// Chooses the pinned node and sets mesh->pin_flags: node 1 on a grid; on
+// mesh.dat the first node with the largest electrode sum (node 1 if no sum
+// exceeds 0).
+void choose_pinned_node(int mesh_type, const ElectrodeTable& table,
+                        MeshModel* mesh);
+
+// ---- wavenumber quadrature -----------------------------------------------
+
+// Smallest and largest current-to-potential electrode distance over all
+// measurements, metres.
+void measurement_spacing(const MeshModel& mesh, const ElectrodeTable& table,
+                         const MeasurementSet& ms, double* min_spacing,
+                         double* max_spacing);
+
+// Fills wavenumbers and wavenumber_weights (table_size entries each) and sets
+// *num_wavenumbers, for wavenumber_mode 0 (Legendre and Laguerre) or 1
+// (fixed table); other modes leave everything untouched.
+void wavenumber_rule(int table_size, int wavenumber_mode, double min_spacing,
+                     double max_spacing, double* wavenumbers,
+                     double* wavenumber_weights, int* num_wavenumbers);
+
+// n-point Gauss-Legendre abscissae x and weights w on (x1, x2); 0-based arrays of n.
+void legendre_nodes(double x1, double x2, double* x, double* w, int n);
+
+// n-point generalised Gauss-Laguerre abscissae and weights, weight x^alpha e^-x.
+void laguerre_nodes(double* x, double* w, int n, double alpha);
+
+double log_gamma(double x);
+
+// ---- primary potentials --------------------------------------------------
+
+// Area-weighted geometric mean conductivity of the model, times 0.95 (in
+// single precision) when every element lies within 1e-6 S/m of it.
+double reference_conductivity(const MeshModel& mesh, int nodes_per_element,
+                              const double* log_conductivity);
+
+double bessel_k0(double x);
+double bessel_i0(double x);
+
+// Half-space potential of a unit point source at node `source` for
+// wavenumber k and conductivity sigma_0, at every node (0 at the source).
+//   primary_potential  out: N doubles
+void fill_primary_potential(const MeshModel& mesh, int source, double k,
+                            double sigma_0, double* primary_potential);
+
+// ---- solver adapter and forward loop -------------------------------------
+
+// Work arrays of the forward solution, sized by the driver once.
+struct ForwardWork {
+  std::vector<double> right_hand_side;    // N
+  std::vector<double> primary_potential;  // N
+  std::vector<double> potentials;         // N * L, column c (electrode) contiguous
+};
+
+// Writes the PARDISO error words for `error` to log and console.
+void pardiso_report(int error);
+
+// Potential of every node for one wavenumber k and unit source at node
+// `source` into `result` (N doubles). reuse: solve with the present factors
+// only; release: free the solver at the end. *error: 0 or PARDISO's code.
+void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
+                      const double* log_conductivity, ConductanceMatrix* cm,
+                      double* right_hand_side, const double* primary_potential,
+                      double* result, int source, double k, double sigma_0,
+                      bool singularity_removal, bool reuse, bool release,
+                      int* error);
+
+// Transfer resistance of every measurement for the model log_conductivity.
+//   transfer_resistance  out: num_measurements doubles, ohm
+//   forward_failed       out: 0, or the PARDISO error code that stopped it
+void forward_solve(const MeshModel& mesh, int nodes_per_element,
+                   ConductanceMatrix* cm, const ElectrodeTable& table,
+                   const MeasurementSet& ms, const double* log_conductivity,
+                   const double* wavenumbers, const double* wavenumber_weights,
+                   int num_wavenumbers, double flux_type,
+                   bool singularity_removal, ForwardWork* work,
+                   double* transfer_resistance, int* forward_failed);
