@@ -121,6 +121,11 @@ int tio_render(const char* descriptor, WriteValue value, char* out, int out_size
 // flushes and closes all channels and ends the process with status 0.
 [[noreturn]] void tio_stop(const char* text);
 
+// A fatal stop: the message to `first` then `second` (0 for one stream),
+// then the stop with "FATAL error".
+[[noreturn]] void fatal(int first, int second, const char* form,
+                        std::initializer_list<WriteValue> values = {});
+
 // Reads one line from standard input and throws it away; end of input is
 // taken as an answer. Used where the run pauses for the user.
 void tio_pause();
