@@ -5,6 +5,7 @@
 #include "run/driver.h"
 
 #include <cmath>
+#include <cstdio>
 #include <ctime>
 #include <vector>
 #include <xmmintrin.h>

@@ -29,7 +29,9 @@ enum {
 
 // Connects `channel` to the file `name` in the working directory. The file is
 // used if it exists and created empty if not; nothing is truncated until the
-// first write. A channel that is still connected is closed first, silently.
+// first write. A channel that is still connected is closed first, silently;
+// opening the file it already holds leaves it as it is. Trailing blanks of
+// `name` are dropped. The console (6) is never opened: the call is ignored.
 void tio_open(int channel, const char* name);
 
 // Flushes and disconnects `channel`; a channel with no file is left alone.

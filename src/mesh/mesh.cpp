@@ -1,0 +1,169 @@
+// The mesh in its common form: a rectangular grid built from the grid records
+// of Q5.in, or a triangle mesh read from mesh.dat; and the coordinate factor
+// of mesh.dat.
+#include "mesh/mesh_model.h"
+
+#include <climits>
+#include <cstddef>
+
+#include "run/run_context.h"
+#include "textio/textio.h"
+
+namespace {
+
+// Sizes every array of the mesh for N nodes and E elements. The entry behind
+// the last element holds node 1; pin flags start at 0.
+void size_mesh(int num_nodes, int num_elements, MeshModel* mesh) {
+  std::size_t n = static_cast<std::size_t>(num_nodes);
+  std::size_t e = static_cast<std::size_t>(num_elements);
+  mesh->num_nodes = num_nodes;
+  mesh->num_elements = num_elements;
+  mesh->node_x.assign(n, 0.0);
+  mesh->node_y.assign(n, 0.0);
+  mesh->element_nodes.assign(4 * e + 1, 0);
+  mesh->element_nodes[4 * e] = 1;
+  mesh->element_parameter.assign(e, 0);
+  mesh->pin_flags.assign(n, 0);
+}
+
+// Grid of mesh_type 4 or 5 from records 3a to 3d. Nodes run down each
+// column; element e of column i, row j has the corners n, n + num_y,
+// n + num_y + 1, n + 1, going round the cell.
+void build_grid(RunContext* ctx, MeshModel* mesh) {
+  int nx = 0;
+  int ny = 0;
+  tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&nx), rd_int(&ny)});
+  if (nx < 1 || ny < 1)
+    fatal(CH_LOG, CH_CONSOLE,
+          "' FATAL: grid must have at least one column and one row'");
+  long long num_nodes = static_cast<long long>(nx) * ny;
+  if (num_nodes > INT_MAX)
+    fatal(CH_LOG, CH_CONSOLE,
+          "' FATAL: grid has too many nodes for 32-bit node numbers'");
+  ctx->num_x = nx;
+  ctx->num_y = ny;
+  int num_elements = (nx - 1) * (ny - 1);
+  size_mesh(static_cast<int>(num_nodes), num_elements, mesh);
+
+  std::vector<double> xs(nx);
+  tio_read(CH_CONTROL, READ_PLAIN, {rd_real(xs.data(), nx)});
+  for (int i = 1; i <= nx; ++i)
+    for (int j = 1; j <= ny; ++j)
+      mesh->node_x[static_cast<std::size_t>(i - 1) * ny + j - 1] = xs[i - 1];
+
+  std::vector<double> ys(ny);
+  if (ctx->mesh_type == 4) {
+    // Surface offset per column, then one list of row depths: each column
+    // is shifted up by its offset and keeps the spacing of the rows.
+    std::vector<double> offset(nx);
+    tio_read(CH_CONTROL, READ_PLAIN, {rd_real(offset.data(), nx)});
+    tio_read(CH_CONTROL, READ_PLAIN, {rd_real(ys.data(), ny)});
+    for (int i = 1; i <= nx; ++i)
+      for (int j = 1; j <= ny; ++j)
+        mesh->node_y[static_cast<std::size_t>(i - 1) * ny + j - 1] =
+            ys[j - 1] - offset[i - 1];
+  } else {
+    // A depth list of its own for each column.
+    for (int i = 1; i <= nx; ++i) {
+      tio_read(CH_CONTROL, READ_PLAIN, {rd_real(ys.data(), ny)});
+      for (int j = 1; j <= ny; ++j)
+        mesh->node_y[static_cast<std::size_t>(i - 1) * ny + j - 1] = ys[j - 1];
+    }
+  }
+
+  for (int i = 1; i <= nx - 1; ++i) {
+    for (int j = 1; j <= ny - 1; ++j) {
+      std::size_t e = static_cast<std::size_t>(i - 1) * (ny - 1) + j;
+      int n = (i - 1) * ny + j;
+      int* slot = &mesh->element_nodes[4 * (e - 1)];
+      slot[0] = n;
+      slot[1] = n + ny;
+      slot[2] = n + ny + 1;
+      slot[3] = n + 1;
+    }
+  }
+}
+
+// Triangle mesh from mesh.dat on channel 9, which stays open. Records are
+// placed by the number they carry. Numbers that would place a record or name
+// a node outside the arrays stop the run; so does an element that no record
+// placed, since its node slots would be left without nodes.
+void read_mesh_file(RunContext* ctx, MeshModel* mesh) {
+  tio_open(CH_MESH, "mesh.dat");
+  int num_elements = 0;
+  int num_nodes = 0;
+  tio_read(CH_MESH, READ_PLAIN, {rd_int(&num_elements), rd_int(&num_nodes)});
+  if (num_elements < 0 || num_nodes < 0)
+    fatal(CH_LOG, CH_CONSOLE,
+          "' FATAL: mesh.dat must give at least zero elements and nodes'");
+  size_mesh(num_nodes, num_elements, mesh);
+
+  std::vector<unsigned char> placed(static_cast<std::size_t>(num_elements), 0);
+  for (int r = 0; r < num_elements; ++r) {
+    int rec[6];
+    tio_read(CH_MESH, READ_PLAIN, {rd_int(rec, 6)});
+    int e = rec[0];
+    if (e < 1 || e > num_elements)
+      fatal(CH_LOG, CH_CONSOLE,
+            "' FATAL: element number out of range in mesh.dat: ', I10",
+            {wv_int(e)});
+    for (int s = 1; s <= 3; ++s)
+      if (rec[s] < 1 || rec[s] > num_nodes)
+        fatal(CH_LOG, CH_CONSOLE,
+              "' FATAL: node number out of range in mesh.dat: ', I10",
+              {wv_int(rec[s])});
+    int* slot = &mesh->element_nodes[4 * static_cast<std::size_t>(e - 1)];
+    slot[0] = rec[1];
+    slot[1] = rec[2];
+    slot[2] = rec[3];
+    mesh->element_parameter[e - 1] = rec[4];
+    slot[3] = rec[5];  // zone number of the regularisation, not a node
+    placed[e - 1] = 1;
+  }
+  for (int e = 1; e <= num_elements; ++e)
+    if (!placed[e - 1])
+      fatal(CH_LOG, CH_CONSOLE,
+            "' FATAL: element number missing in mesh.dat: ', I10",
+            {wv_int(e)});
+
+  for (int r = 0; r < num_nodes; ++r) {
+    int n = 0;
+    double xy[2] = {0.0, 0.0};
+    tio_read(CH_MESH, READ_PLAIN, {rd_int(&n), rd_real(xy, 2)});
+    if (n < 1 || n > num_nodes)
+      fatal(CH_LOG, CH_CONSOLE,
+            "' FATAL: node number out of range in mesh.dat: ', I10",
+            {wv_int(n)});
+    mesh->node_x[n - 1] = xy[0];
+    mesh->node_y[n - 1] = xy[1];
+  }
+  ctx->num_x = 1;
+  ctx->num_y = num_nodes;
+}
+
+}  // namespace
+
+void read_mesh(RunContext* ctx, MeshModel* mesh) {
+  switch (ctx->mesh_type) {
+    case 3:
+      read_mesh_file(ctx, mesh);
+      break;
+    case 4:
+    case 5:
+      build_grid(ctx, mesh);
+      // From here on mesh_type is the number of nodes per element.
+      ctx->mesh_type = 4;
+      break;
+    default:
+      fatal(CH_LOG, 0,
+            "' FATAL: Incorrect mesh type specified - must be 3/4/5'");
+  }
+}
+
+void read_mesh_scale(RunContext* ctx, MeshModel* mesh) {
+  tio_read(CH_CONTROL, READ_PLAIN, {rd_real(&ctx->mesh_scale)});
+  for (int n = 0; n < mesh->num_nodes; ++n) {
+    mesh->node_x[n] = mesh->node_x[n] * ctx->mesh_scale;
+    mesh->node_y[n] = mesh->node_y[n] * ctx->mesh_scale;
+  }
+}

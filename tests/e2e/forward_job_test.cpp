@@ -1,0 +1,112 @@
+// End-to-end forward jobs: Q5_forward.dat, the memory line, the timing
+// counts, reciprocity of the computed transfer resistances, and the
+// failure road of a model the solver cannot take.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "e2e_util.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// A 9 x 5 grid with two resistivities and six surface electrodes.
+std::string small_forward_control(const char* flux, const char* singular) {
+  std::ostringstream s;
+  s << "Forward small\n0 4 " << flux << " " << singular << " 0\n"
+    << "9 5\n-8 -3 0 1 2 3 4 7 12\n0 0 0 0 0 0 0 0 0\n0 0.5 1 2 4\n"
+    << "2\n1 32 100.0\n13 20 10.0\n"
+    << "0\n6\n"
+    << "11 3 1\n12 4 1\n13 5 1\n14 6 1\n15 7 1\n16 8 1\n";
+  return s.str();
+}
+
+struct ForwardLine {
+  int place, pp, pm, cp, cm;
+  double resistance, apparent;
+};
+
+std::vector<ForwardLine> parse_forward(const Lines& lines) {
+  std::vector<ForwardLine> out;
+  for (size_t i = 1; i < lines.size(); ++i) {
+    ForwardLine f;
+    if (std::sscanf(lines[i].c_str(), "%d %d %d %d %d %lf %lf", &f.place, &f.pp,
+                    &f.pm, &f.cp, &f.cm, &f.resistance, &f.apparent) == 7)
+      out.push_back(f);
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(ForwardJob, TwoDimensionalFlowWritesResultsOfTheFirstBlockOnly) {
+  std::string dir = make_run_dir();
+  write_file(dir, "Q5.in", small_forward_control("2.0", "0"));
+  // Second block is ignored; readings 1 and 2 are reciprocal to 3 and 4.
+  write_file(dir, "protocol.dat",
+             "4\n1 12 13 11 14\n2 13 15 12 16\n3 11 14 12 13\n4 12 16 13 15\n"
+             "2\n1 11 12 13 14\n2 11 12 13 14\n");
+  RunResult r = run_q5_in(dir);
+  EXPECT_EQ(r.exit_status, 0);
+  ASSERT_FALSE(r.console.empty());
+  EXPECT_EQ(r.console.back(), "All ok");
+  int at = find_line(r.console, " Measurements read:     4     Measurements rejected:     0");
+  ASSERT_NE(at, -1);
+  EXPECT_EQ(r.console[at + 1], "");
+  EXPECT_EQ(r.console[at + 2].substr(0, 29), " >> Total Memory required is:");
+  EXPECT_EQ(r.console[at + 2].size(), 29u + 15u + 3u);
+
+  Lines out = read_lines(dir, "Q5_forward.dat");
+  ASSERT_EQ(out.size(), 5u);
+  EXPECT_EQ(out[0].substr(0, 12), "           4");
+  std::vector<ForwardLine> f = parse_forward(out);
+  ASSERT_EQ(f.size(), 4u);
+  // Electrodes stand as protocol.dat gives them, in P+ P- C+ C- order.
+  EXPECT_EQ(out[1].substr(0, 33), "    1     12     13     11     14");
+  for (size_t i = 0; i < f.size(); ++i) {
+    EXPECT_EQ(f[i].place, (int)i + 1);
+    EXPECT_EQ(out[i + 1].size(), 5u + 28u + 20u + 15u);
+    // K is 1 for two-dimensional flow: the columns repeat the value.
+    EXPECT_NEAR(f[i].apparent, f[i].resistance, 0.5e-5 + 1e-9 * std::fabs(f[i].resistance));
+    EXPECT_TRUE(std::isfinite(f[i].resistance));
+  }
+  // Reciprocity: exchanging the current and potential pairs leaves R.
+  EXPECT_NEAR(f[0].resistance, f[2].resistance, 1e-8 * std::fabs(f[0].resistance));
+  EXPECT_NEAR(f[1].resistance, f[3].resistance, 1e-8 * std::fabs(f[1].resistance));
+
+  // One assembly for the single wavenumber, one solve per electrode.
+  Lines log = read_lines(dir, "Q5.out");
+  EXPECT_NE(find_line(log, "     Number of calls to form element equations:         1"), -1);
+  EXPECT_NE(find_line(log, "     Number of calls to solve forward equations:        6"), -1);
+  EXPECT_NE(find_line(log, "     Number of calls to form Jacobian:                  0"), -1);
+}
+
+TEST(ForwardJob, PointSourcesWithAndWithoutSingularityRemovalAgreeRoughly) {
+  double first[2] = {0, 0};
+  const char* singular[2] = {"0", "1"};
+  for (int s = 0; s < 2; ++s) {
+    std::string dir = make_run_dir();
+    write_file(dir, "Q5.in", small_forward_control("3.0", singular[s]));
+    write_file(dir, "protocol.dat", "2\n1 12 13 11 14\n2 11 14 12 13\n");
+    RunResult r = run_q5_in(dir);
+    ASSERT_EQ(r.console.back(), "All ok");
+    std::vector<ForwardLine> f = parse_forward(read_lines(dir, "Q5_forward.dat"));
+    ASSERT_EQ(f.size(), 2u);
+    EXPECT_NEAR(f[0].resistance, f[1].resistance, 1e-8 * std::fabs(f[0].resistance));
+    first[s] = f[0].apparent;
+    EXPECT_GT(f[0].apparent, 0.0);
+    // Current-to-potential distances of 1 and 2 m: ratio 2 gives the least
+    // rule, W = 6 wavenumbers, each assembled once and solved for all six
+    // electrodes of the table, used or not.
+    Lines log = read_lines(dir, "Q5.out");
+    EXPECT_NE(find_line(log, "     Number of calls to form element equations:         6"), -1);
+    EXPECT_NE(find_line(log, "     Number of calls to solve forward equations:       36"), -1);
+  }
+  // Both are estimates of one apparent resistivity on this coarse mesh.
+  EXPECT_NEAR(first[0], first[1], 0.25 * first[1]);
+}
