@@ -20,6 +20,12 @@ struct ConductanceMatrix {
   std::vector<int> matrix_columns;     // M, 1-based columns
   std::vector<double> matrix_values;   // M, values of one wavenumber
   std::vector<int> matrix_permutation; // N, PARDISO's perm
+  // Set up by generate_index for the assembly; the pattern's mesh only.
+  // Entry (e - 1) * p * p + (i - 1) * p + (j - 1) belongs to local pair (i, j)
+  // of element e (p nodes per element).
+  std::vector<int> element_positions;  // E * p * p, 1-based position in matrix_values that takes s * ae(i, j), 0 when the pair adds nothing
+  std::vector<double> element_matrices; // E * p * p, ae(i, j) of every element at wavenumber element_matrices_k
+  double element_matrices_k;           // wavenumber of element_matrices; NaN while they hold none
 };
 
 // ---- matrix pattern ------------------------------------------------------
@@ -30,7 +36,8 @@ struct ConductanceMatrix {
 int count_storage(const MeshModel& mesh, int nodes_per_element);
 
 // Fills matrix_row_start and matrix_columns (sized N + 1 and M by the
-// caller) and writes its progress line to the console.
+// caller) and writes its progress line to the console. Also sizes and fills
+// element_positions and sizes element_matrices (once per run).
 void generate_index(const MeshModel& mesh, int nodes_per_element,
                     ConductanceMatrix* cm);
 
@@ -45,6 +52,13 @@ void generate_index(const MeshModel& mesh, int nodes_per_element,
 //   k      in: wavenumber, 1/m
 void element_matrix(double* ae, const double* node_x, const double* node_y,
                     const int* nodes, int p, double k);
+
+// Element matrices of every element at wavenumber k, laid out as
+// cm->element_matrices, computed on the first call for this k and kept until
+// another k is asked for (they depend on geometry and k alone). Returns null
+// when generate_index has not sized the store; callers then use element_matrix.
+const double* element_matrices(const MeshModel& mesh, int nodes_per_element,
+                               double k, ConductanceMatrix* cm);
 
 // Assembles the matrix of wavenumber k into cm->matrix_values, with the
 // pinned node's diagonal times 1e10, between the timer calls "ele0"/"ele1".

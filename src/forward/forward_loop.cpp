@@ -1,0 +1,81 @@
+// Forward loop: one conductivity model to one transfer resistance per
+// measurement, summing the two-dimensional solutions of every wavenumber
+// along strike with their quadrature weights.
+#include <cstddef>
+
+#include "data/measurement_set.h"
+#include "forward/forward.h"
+#include "mesh/mesh_model.h"
+
+// Inputs: mesh, pattern cm (values, permutation and element store are work),
+// electrode table, measurement set ms, log_conductivity (E), wavenumbers and
+// wavenumber_weights (num_wavenumbers, 1/m and dimensionless), flux_type,
+// singularity_removal.
+// Work: work->right_hand_side (N), work->primary_potential (N),
+// work->potentials (N * L, column c the unit source at electrode c).
+// Outputs: transfer_resistance (ms.num_measurements, ohm), forward_failed.
+void forward_solve(const MeshModel& mesh, int nodes_per_element,
+                   ConductanceMatrix* cm, const ElectrodeTable& table,
+                   const MeasurementSet& ms, const double* log_conductivity,
+                   const double* wavenumbers, const double* wavenumber_weights,
+                   int num_wavenumbers, double flux_type,
+                   bool singularity_removal, ForwardWork* work,
+                   double* transfer_resistance, int* forward_failed) {
+  const int n = mesh.num_nodes;
+  const int n_electrodes = table.num_electrodes;
+  const int n_meas = ms.num_measurements;
+  *forward_failed = 0;
+  for (int i = 0; i < n_meas; ++i) transfer_resistance[i] = 0.0;
+
+  // sigma_0 depends on the model alone.
+  double sigma_0 = 0.0;
+  if (singularity_removal) {
+    sigma_0 = reference_conductivity(mesh, nodes_per_element, log_conductivity);
+  }
+
+  double* potentials = work->potentials.data();
+  const int* enode = table.electrode_nodes.data();
+  for (int j = 0; j < num_wavenumbers; ++j) {
+    double k, w;
+    if (flux_type <= 2.0) {
+      k = 0.0;  // two-dimensional flow: one plain solve with weight 1
+      w = 1.0;
+    } else {
+      k = wavenumbers[j];
+      w = wavenumber_weights[j];
+    }
+    // Assemble and factorise at the first electrode, solve only at the
+    // others, free the factors at the last.
+    bool release = false;
+    bool reuse = false;
+    for (int c = 1; c <= n_electrodes; ++c) {
+      if (c == n_electrodes) release = true;
+      const int s = enode[c - 1];
+      if (singularity_removal) {
+        fill_primary_potential(mesh, s, k, sigma_0,
+                               work->primary_potential.data());
+      }
+      int error = 0;
+      solve_wavenumber(mesh, nodes_per_element, log_conductivity, cm,
+                       work->right_hand_side.data(),
+                       work->primary_potential.data(),
+                       potentials + static_cast<std::size_t>(c - 1) * n, s, k,
+                       sigma_0, singularity_removal, reuse, release, &error);
+      if (error != 0) {
+        *forward_failed = error;
+        return;
+      }
+      reuse = true;
+    }
+    for (int i = 0; i < n_meas; ++i) {
+      const int pm = enode[ms.elec_m[i] - 1];
+      const int pn = enode[ms.elec_n[i] - 1];
+      const double* va =
+          potentials + static_cast<std::size_t>(ms.elec_a[i] - 1) * n;
+      const double* vb =
+          potentials + static_cast<std::size_t>(ms.elec_b[i] - 1) * n;
+      transfer_resistance[i] +=
+          w * (((va[pm - 1] - vb[pm - 1]) - va[pn - 1]) + vb[pn - 1]);
+    }
+  }
+}
