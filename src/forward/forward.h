@@ -120,6 +120,26 @@ struct ForwardWork {
   std::vector<double> potentials;         // N * L, column c (electrode) contiguous
 };
 
+// Wall-clock seconds of the solver's stages, one record per wavenumber (a
+// record starts at each reordering), kept only while `enabled` is set. For
+// the benchmark; the run itself never enables it.
+struct SolverStageRecord {
+  double assembly;       // element matrices and assembly
+  double reordering;     // phase 11
+  double factorisation;  // phase 22
+  double right_hand_side;  // building right-hand sides
+  double solve;          // phase 33, all electrodes
+  double release;        // phase -1
+  int solves;            // phase 33 calls
+};
+enum { MAX_STAGE_RECORDS = 256 };
+struct SolverStageLog {
+  bool enabled;
+  int count;             // records in use
+  SolverStageRecord records[MAX_STAGE_RECORDS];
+};
+extern SolverStageLog solver_stage_log;
+
 // Writes the PARDISO error words for `error` to log and console.
 void pardiso_report(int error);
 

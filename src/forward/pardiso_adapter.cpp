@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstddef>
 
+#include <ctime>
+
 #include "forward/forward.h"
 #include "mesh/mesh_model.h"
 #include "run/maintainer.h"
@@ -25,6 +27,24 @@ const int matrix_number = 1;   // mnum
 const int matrix_type = -2;    // real symmetric indefinite
 const int num_rhs = 1;         // nrhs
 const int message_level = 0;   // msglvl
+
+// Seconds on a monotonic clock, for the stage log only.
+double stage_clock() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
+}
+
+// The record of the present wavenumber, or null when the log is off.
+SolverStageRecord* stage_record(bool new_wavenumber) {
+  SolverStageLog& log = solver_stage_log;
+  if (!log.enabled) return nullptr;
+  if (new_wavenumber && log.count < MAX_STAGE_RECORDS) {
+    log.records[log.count] = SolverStageRecord{0, 0, 0, 0, 0, 0, 0};
+    ++log.count;
+  }
+  return log.count > 0 ? &log.records[log.count - 1] : nullptr;
+}
 
 // Control words of the published interface, 1-based numbers as documented.
 void build_control() {
@@ -60,6 +80,8 @@ void stage_failed(const char* stage_form, int error) {
 }
 
 }  // namespace
+
+SolverStageLog solver_stage_log;
 
 void pardiso_report(int error) {
   message(CH_LOG, CH_CONSOLE, "1X, 'Error in Pardiso call:  error flag = ', I10",
@@ -113,19 +135,26 @@ void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
   int dummy_int = 0;
   double dummy_double = 0.0;
 
+  SolverStageRecord* rec = stage_record(!reuse);
+  double t0 = rec ? stage_clock() : 0.0;
   if (!reuse) {
     assemble_matrix(mesh, p, log_conductivity, k, cm);
+    if (rec) rec->assembly += stage_clock() - t0;
     timer("for0");
     for (int t = 0; t < 64; ++t) pardiso_handle[t] = nullptr;
     int* perm = cm->matrix_permutation.data();
     for (int i = 0; i < n; ++i) perm[i] = 0;
     build_control();
+    if (rec) t0 = stage_clock();
     *error = call_pardiso(11, n, cm, &dummy_int, &dummy_double, &dummy_double);
+    if (rec) rec->reordering += stage_clock() - t0;
     if (*error != 0) {
       stage_failed("1X, 'Reordering completed'", *error);
       return;
     }
+    if (rec) t0 = stage_clock();
     *error = call_pardiso(22, n, cm, perm, &dummy_double, &dummy_double);
+    if (rec) rec->factorisation += stage_clock() - t0;
     if (*error != 0) {
       stage_failed("1X, 'Factorisation completed'", *error);
       return;
@@ -134,6 +163,7 @@ void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
     timer("for0");
   }
 
+  if (rec) t0 = stage_clock();
   if (!singularity_removal) {
     right_hand_side[source - 1] = 1.0;
   } else {
@@ -168,9 +198,17 @@ void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
     }
   }
 
+  if (rec) {
+    rec->right_hand_side += stage_clock() - t0;
+    t0 = stage_clock();
+  }
   pardiso_control[7] = 2;
   *error = call_pardiso(33, n, cm, cm->matrix_permutation.data(),
                         right_hand_side, result);
+  if (rec) {
+    rec->solve += stage_clock() - t0;
+    rec->solves += 1;
+  }
   if (*error != 0) {
     stage_failed("1X, 'Solve completed'", *error);
     return;
@@ -178,7 +216,9 @@ void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
   timer("for1");
 
   if (release) {
+    if (rec) t0 = stage_clock();
     *error = call_pardiso(-1, n, cm, &dummy_int, &dummy_double, &dummy_double);
+    if (rec) rec->release += stage_clock() - t0;
     if (*error != 0) {
       pardiso_report(*error);
       return;

@@ -1,0 +1,260 @@
+// Forward-job benchmark: builds a survey-sized and a large run directory,
+// runs the stages of a forward job in process with the solver's stage log on,
+// and reports set-up, per-wavenumber solver times, peak memory and the share
+// of the job spent inside PARDISO. Not part of the tests.
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "data/measurement_set.h"
+#include "forward/forward.h"
+#include "forward/forward_output.h"
+#include "mesh/mesh_model.h"
+#include "results/model_files.h"
+#include "run/control_file.h"
+#include "run/run_context.h"
+#include "run/timers.h"
+#include "textio/textio.h"
+
+namespace {
+
+double now() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
+}
+
+struct BenchCase {
+  const char* name;
+  int electrodes;     // at 1 m spacing
+  int cells_per_m;    // cells per electrode spacing near the line
+  int rows;           // grid rows
+};
+
+// Column positions: fine cells under the line, growing by 1.3 to about
+// 300 m on either side; rows: fine near the surface, growing to ~300 m.
+std::vector<double> columns(const BenchCase& c) {
+  std::vector<double> left, xs;
+  double h = 1.0 / c.cells_per_m, x = 0.0;
+  while (x > -300.0) {
+    h *= 1.3;
+    x -= h;
+    left.push_back(x);
+  }
+  for (size_t i = left.size(); i-- > 0;) xs.push_back(left[i]);
+  int fine = (c.electrodes - 1) * c.cells_per_m;
+  for (int i = 0; i <= fine; ++i) xs.push_back((double)i / c.cells_per_m);
+  h = 1.0 / c.cells_per_m;
+  x = c.electrodes - 1;
+  while (x < c.electrodes - 1 + 300.0) {
+    h *= 1.3;
+    x += h;
+    xs.push_back(x);
+  }
+  return xs;
+}
+
+std::vector<double> rows(const BenchCase& c) {
+  // Geometric growth g chosen by bisection so that `rows` reach ~300 m.
+  double lo = 1.0, hi = 2.0;
+  for (int it = 0; it < 60; ++it) {
+    double g = 0.5 * (lo + hi), y = 0.0, h = 0.5 / c.cells_per_m;
+    for (int j = 1; j < c.rows; ++j) {
+      y += h;
+      h *= g;
+    }
+    (y > 300.0 ? hi : lo) = g;
+  }
+  std::vector<double> ys;
+  double y = 0.0, h = 0.5 / c.cells_per_m;
+  for (int j = 0; j < c.rows; ++j) {
+    ys.push_back(y);
+    y += h;
+    h *= lo;
+  }
+  return ys;
+}
+
+void write_case(const BenchCase& c, int* first_column, int* num_x) {
+  std::vector<double> xs = columns(c), ys = rows(c);
+  *num_x = (int)xs.size();
+  int first = 0;
+  while (xs[first] < 0.0) ++first;
+  *first_column = first + 1;
+  FILE* f = std::fopen("Q5.in", "w");
+  std::fprintf(f, "%s\n0 4 3.0 1 0\n%d %d\n", c.name, *num_x, c.rows);
+  for (double x : xs) std::fprintf(f, "%.6f\n", x);
+  for (size_t i = 0; i < xs.size(); ++i) std::fprintf(f, "0\n");
+  for (double y : ys) std::fprintf(f, "%.6f\n", y);
+  long long cells = (long long)(*num_x - 1) * (c.rows - 1);
+  std::fprintf(f, "2\n1 %lld 100.0\n%lld %lld 20.0\n", cells, cells / 3,
+               cells / 3 + c.rows * 20);
+  // A polyline round the survey area, so that the mask has work to do.
+  std::fprintf(f, "5\n-20 1\n%d 1\n%d -40\n-20 -40\n-20 1\n", c.electrodes + 20,
+               c.electrodes + 20);
+  std::fprintf(f, "%d\n", c.electrodes);
+  for (int k = 1; k <= c.electrodes; ++k)
+    std::fprintf(f, "%d %d 1\n", k, *first_column + (k - 1) * c.cells_per_m);
+  std::fclose(f);
+
+  std::vector<std::string> lines;
+  char buf[96];
+  for (int n = 1; n <= 6; ++n)
+    for (int a = 1; a + n + 2 <= c.electrodes; ++a) {
+      std::snprintf(buf, sizeof buf, "%d %d %d %d", a + n + 1, a + n + 2, a, a + 1);
+      lines.push_back(buf);
+    }
+  for (int s = 1; s <= 15; ++s)
+    for (int a = 1; a + 3 * s <= c.electrodes; ++a) {
+      std::snprintf(buf, sizeof buf, "%d %d %d %d", a + s, a + 2 * s, a, a + 3 * s);
+      lines.push_back(buf);
+    }
+  f = std::fopen("protocol.dat", "w");
+  std::fprintf(f, "%zu\n", lines.size());
+  for (size_t i = 0; i < lines.size(); ++i)
+    std::fprintf(f, "%zu %s\n", i + 1, lines[i].c_str());
+  std::fclose(f);
+}
+
+long peak_rss_kb() {
+  rusage ru;
+  getrusage(RUSAGE_SELF, &ru);
+  return ru.ru_maxrss;
+}
+
+void run_case(const BenchCase& c) {
+  std::string dir = "bench-" + std::string(c.name);
+  mkdir(dir.c_str(), 0755);
+  if (chdir(dir.c_str()) != 0) return;
+  int first_column = 0, num_x = 0;
+  write_case(c, &first_column, &num_x);
+
+  double t_start = now();
+  timer("init");
+  tio_open(CH_CONTROL, "Q5.in");
+  tio_open(CH_PROTOCOL, "protocol.dat");
+  tio_open(CH_ELECTRODES, "electrodes.dat");
+  tio_open(CH_ELECTRODES_VTK, "electrodes.vtk");
+  tio_open(CH_LOG, "Q5.out");
+
+  static RunContext ctx;
+  static MeshModel mesh;
+  static ConductanceMatrix cm;
+  static std::vector<double> log_conductivity;
+  static OutputMask mask;
+  static ElectrodeTable table;
+  static ForwardWork work;
+
+  read_title(&ctx);
+  read_job_record(&ctx);
+  double t0 = now();
+  read_mesh(&ctx, &mesh);
+  double t_mesh = now() - t0;
+  check_singular_and_res_calc(&ctx);
+  t0 = now();
+  int m = count_storage(mesh, ctx.mesh_type);
+  cm.num_entries = m;
+  cm.matrix_row_start.assign(mesh.num_nodes + 1, 0);
+  cm.matrix_columns.assign(m, 0);
+  cm.matrix_values.assign(m, 0.0);
+  cm.matrix_permutation.assign(mesh.num_nodes, 0);
+  generate_index(mesh, ctx.mesh_type, &cm);
+  double t_pattern = now() - t0;
+  check_flux_type(&ctx);
+  read_start_model(&ctx, mesh, &log_conductivity);
+  t0 = now();
+  read_polyline_mask(ctx, &mesh, &mask);
+  double t_mask = now() - t0;
+  read_electrodes(ctx, mesh, &table);
+  work.right_hand_side.assign(mesh.num_nodes, 0.0);
+  work.primary_potential.assign(mesh.num_nodes, 0.0);
+  work.potentials.assign((size_t)mesh.num_nodes * table.num_electrodes, 0.0);
+  t0 = now();
+  choose_pinned_node(ctx.mesh_type, table, &mesh);
+  double t_pin = now() - t0;
+
+  t0 = now();
+  tio_open(CH_MODEL, "forward_model.dat");
+  tio_open(CH_MODEL_VTK, "forward_model.vtk");
+  write_model(log_conductivity.data(), mesh, mask, ctx.mesh_type, false,
+              CH_MODEL, CH_MODEL_VTK, 0);
+  tio_close(CH_MODEL);
+  tio_close(CH_MODEL_VTK);
+  double t_model = now() - t0;
+
+  int head = 0;
+  tio_read(CH_PROTOCOL, READ_PLAIN, {rd_int(&head)});
+  MeasurementSet ms;
+  allocate_measurements(head, &ms);
+  read_measurements(ctx, mesh, table, &ms);
+  std::vector<double> resistance(ms.num_measurements);
+  double wavenumbers[MAX_WAVENUMBERS], weights[MAX_WAVENUMBERS];
+  double min_spacing, max_spacing;
+  measurement_spacing(mesh, table, ms, &min_spacing, &max_spacing);
+  wavenumber_rule(MAX_WAVENUMBERS, 0, min_spacing, max_spacing, wavenumbers,
+                  weights, &ctx.num_wavenumbers);
+
+  solver_stage_log.enabled = true;
+  solver_stage_log.count = 0;
+  int failed = 0;
+  t0 = now();
+  forward_solve(mesh, ctx.mesh_type, &cm, table, ms, log_conductivity.data(),
+                wavenumbers, weights, ctx.num_wavenumbers, ctx.flux_type,
+                ctx.singularity_removal, &work, resistance.data(), &failed);
+  double t_forward = now() - t0;
+  solver_stage_log.enabled = false;
+  t0 = now();
+  write_forward_results(mesh, table, ms, resistance.data(), ctx.flux_type);
+  double t_results = now() - t0;
+  double t_total = now() - t_start;
+  tio_close_all();
+
+  std::printf("\n== %s: %d nodes, %d elements, %d stored entries, %d electrodes, "
+              "%d readings, %d wavenumbers%s\n",
+              c.name, mesh.num_nodes, mesh.num_elements, cm.num_entries,
+              table.num_electrodes, ms.num_measurements, ctx.num_wavenumbers,
+              failed ? " (FAILED)" : "");
+  std::printf("set-up: mesh %.3f s, pattern %.3f s, mask %.3f s, pinned node %.3f s, "
+              "model files %.3f s\n",
+              t_mesh, t_pattern, t_mask, t_pin, t_model);
+  std::printf("%3s %10s %10s %10s %10s %12s %12s %8s\n", "j", "k (1/m)",
+              "assembly", "reorder", "factor", "solve/elec", "rhs/elec", "solves");
+  double in_pardiso = 0.0;
+  for (int j = 0; j < solver_stage_log.count; ++j) {
+    const SolverStageRecord& r = solver_stage_log.records[j];
+    int n = r.solves > 0 ? r.solves : 1;
+    std::printf("%3d %10.4g %9.1fms %9.1fms %9.1fms %10.2fms %10.2fms %8d\n", j + 1,
+                wavenumbers[j], 1e3 * r.assembly, 1e3 * r.reordering,
+                1e3 * r.factorisation, 1e3 * r.solve / n,
+                1e3 * r.right_hand_side / n, r.solves);
+    in_pardiso += r.reordering + r.factorisation + r.solve + r.release;
+  }
+  double setup = t_pattern + t_mask + t_pin;
+  std::printf("forward_solve %.2f s; Q5_forward.dat %.3f s; whole job %.2f s\n",
+              t_forward, t_results, t_total);
+  std::printf("inside PARDISO: %.2f s = %.1f %% of the job; set-up (pattern, mask, "
+              "pinned node) %.1f %% of the job\n",
+              in_pardiso, 100.0 * in_pardiso / t_total, 100.0 * setup / t_total);
+  std::printf("peak resident memory so far: %.1f MB\n", peak_rss_kb() / 1024.0);
+  std::fflush(stdout);
+  if (chdir("..") != 0) return;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const BenchCase cases[] = {{"survey", 48, 4, 90}, {"large", 96, 8, 250}};
+  std::string only = argc > 1 ? argv[1] : "";
+  std::string top = "bench-runs";
+  mkdir(top.c_str(), 0755);
+  if (chdir(top.c_str()) != 0) return 1;
+  for (const BenchCase& c : cases)
+    if (only.empty() || only == c.name) run_case(c);
+  return 0;
+}
