@@ -154,3 +154,37 @@ TEST(ForwardJob, TwentyThousandNodeGridRunsOnTheSequentialSolverLayer) {
     EXPECT_NEAR(x.apparent, 50.0, 2.5) << x.place;
   }
 }
+
+TEST(ForwardJob, TriangleMeshWithStartFileAndPolyline) {
+  // Two squares of two triangles each, y as given (negative down), scaled by
+  // 2; the polyline takes the left square only.
+  std::string dir = make_run_dir();
+  write_file(dir, "mesh.dat",
+             "4 6\n4 2 5 6 2 0\n1 1 2 5 1 0\n2 1 5 4 1 0\n3 2 3 6 2 0\n"
+             "1 0 0\n2 1 0\n3 2 0\n4 0 -1\n5 1 -1\n6 2 -1\n");
+  write_file(dir, "start.txt", "0 0 10\n0 0 20\n0 0 30\n0 0 40  extra columns\n");
+  write_file(dir, "Q5.in",
+             "Triangles\n0 3 2.0 0 0\n2.0\n0\nstart.txt\n"
+             "5\n-0.5 0.5\n2.5 0.5\n2.5 -2.5\n-0.5 -2.5\n-0.5 0.5\n"
+             "3\n1 1\n2 2\n3 3\n");
+  write_file(dir, "protocol.dat", "1\n1 1 2 3 1\n");
+  RunResult r = run_q5_in(dir);
+  // Three electrode numbers, one twice: a duplicate stops the job.
+  EXPECT_EQ(r.console.back(), "FATAL error");
+  EXPECT_NE(find_line(r.console, " >> Reading start resistivity from start.txt                     "), -1);
+  Lines electrodes = read_lines(dir, "electrodes.dat");
+  Lines expect = {"       0.000       0.000       0.000",
+                  "       2.000       0.000       0.000",
+                  "       4.000       0.000       0.000"};
+  EXPECT_EQ(electrodes, expect);
+  // Elements 1 and 2 lie inside the polyline; their centres and values.
+  Lines model = read_lines(dir, "forward_model.dat");
+  Lines want = {"    0.13333E+01   -0.66667E+00    0.10000E+02    0.10000E+01",
+                "    0.66667E+00   -0.13333E+01    0.20000E+02    0.13010E+01"};
+  EXPECT_EQ(model, want);
+  Lines vtk = read_lines(dir, "forward_model.vtk");
+  ASSERT_GE(vtk.size(), 13u);
+  EXPECT_EQ(vtk[4], "POINTS          4 double");
+  EXPECT_EQ(vtk[9], " CELLS          2         8");
+  EXPECT_EQ(vtk[10], "         3         0         1         3");
+}
