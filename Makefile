@@ -29,12 +29,15 @@ test-sanitize: deps
 	cmake --build $(SAN_BUILD) -j $(JOBS)
 	cd $(SAN_BUILD) && Q5_SKIP_SLOW=1 ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure -j $(JOBS)
 
-example: build
+example: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD) --target q5 -j $(JOBS)
 	bash scripts/run-example.sh $(BUILD)/q5
 
-bench: build
+bench: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
 	cmake --build $(BUILD) --target q5_bench -j $(JOBS)
-	$(BUILD)/q5_bench
+	cd $(BUILD) && ./q5_bench
 
 clean:
 	rm -rf $(BUILD) $(SAN_BUILD)
