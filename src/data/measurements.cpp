@@ -5,11 +5,14 @@
 
 #include "data/measurement_set.h"
 #include "mesh/mesh_model.h"
+#include "run/memory_guard.h"
 #include "run/run_context.h"
 #include "textio/textio.h"
 
 void allocate_measurements(int capacity, MeasurementSet* ms) {
   size_t n = capacity > 0 ? (size_t)capacity : 0;
+  // Nine arrays here and a few more per reading in the caller.
+  require_memory(160.0 * (double)n, "the measurements of this block");
   ms->measurement_capacity = capacity;
   ms->num_measurements = capacity;
   ms->electrode_numbers.assign(4 * n, 0);

@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "run/run_context.h"
+#include "run/memory_guard.h"
 #include "textio/textio.h"
 
 namespace {
@@ -14,6 +15,9 @@ namespace {
 // Sizes every array of the mesh for N nodes and E elements. The entry behind
 // the last element holds node 1; pin flags start at 0.
 void size_mesh(int num_nodes, int num_elements, MeshModel* mesh) {
+  // The mesh, its matrix pattern and values and the per-wavenumber element
+  // matrices take about 120 bytes a node and 220 an element.
+  require_memory(120.0 * num_nodes + 220.0 * num_elements, "the mesh");
   std::size_t n = static_cast<std::size_t>(num_nodes);
   std::size_t e = static_cast<std::size_t>(num_elements);
   mesh->num_nodes = num_nodes;

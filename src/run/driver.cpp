@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <new>
 #include <vector>
 #include <xmmintrin.h>
 
@@ -16,6 +17,7 @@
 #include "mesh/mesh_model.h"
 #include "results/model_files.h"
 #include "run/control_file.h"
+#include "run/memory_guard.h"
 #include "run/run_context.h"
 #include "run/timers.h"
 #include "textio/textio.h"
@@ -65,6 +67,8 @@ void build_pattern(RunState* s) {
 
 void allocate_forward_work(RunState* s) {
   size_t n = (size_t)s->mesh.num_nodes;
+  require_memory(8.0 * (double)n * (s->table.num_electrodes + 2),
+                 "the potentials of the electrodes");
   s->work.right_hand_side.assign(n, 0.0);
   s->work.primary_potential.assign(n, 0.0);
   s->work.potentials.assign(n * (size_t)s->table.num_electrodes, 0.0);
@@ -220,10 +224,19 @@ void open_dataset_files(const RunContext& ctx, const char* stem) {
   }
 }
 
+// Arrays are sized by counts read from the files: a count too large for the
+// machine ends the run with a message instead of an abort.
+void out_of_memory() {
+  std::set_new_handler(nullptr);
+  fatal(CH_LOG, CH_CONSOLE,
+        "1X, 'FATAL: not enough memory for the arrays of this run'");
+}
+
 }  // namespace
 
 void run_q5() {
   set_floating_point_mode();
+  std::set_new_handler(out_of_memory);
   timer("init");
   tio_open(CH_CONTROL, "Q5.in");
   tio_open(CH_PROTOCOL, "protocol.dat");

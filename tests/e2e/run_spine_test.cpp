@@ -367,3 +367,24 @@ TEST(RunSpine, ProtocolChecksAndSummaries) {
               -1);
   }
 }
+
+TEST(RunSpine, CountsTooLargeForTheMachineStopWithAMessage) {
+  struct Case {
+    std::string control, protocol, text;
+  } cases[] = {
+      {"Huge grid\n0 4 2.0 0 0\n40000 40000\n", "",
+       " FATAL: not enough memory for the mesh"},
+      {forward_control("0 4 2.0 0 0"), "2000000000\n",
+       " FATAL: not enough memory for the measurements of this block"},
+  };
+  for (const Case& c : cases) {
+    std::string dir = make_run_dir();
+    write_file(dir, "Q5.in", c.control);
+    write_file(dir, "protocol.dat", c.protocol);
+    RunResult r = run_q5_in(dir);
+    EXPECT_EQ(r.exit_status, 0);
+    Lines tail = {c.text, kFatal};
+    EXPECT_EQ(slice(r.console, r.console.size() - 2, 2), tail);
+    EXPECT_EQ(log_of(dir).back(), c.text);
+  }
+}
