@@ -158,13 +158,7 @@ void run_case(const BenchCase& c) {
   double t_mesh = now() - t0;
   check_singular_and_res_calc(&ctx);
   t0 = now();
-  int m = count_storage(mesh, ctx.mesh_type);
-  cm.num_entries = m;
-  cm.matrix_row_start.assign(mesh.num_nodes + 1, 0);
-  cm.matrix_columns.assign(m, 0);
-  cm.matrix_values.assign(m, 0.0);
-  cm.matrix_permutation.assign(mesh.num_nodes, 0);
-  generate_index(mesh, ctx.mesh_type, &cm);
+  build_matrix_pattern(mesh, ctx.mesh_type, &cm);
   double t_pattern = now() - t0;
   check_flux_type(&ctx);
   read_start_model(&ctx, mesh, &log_conductivity);

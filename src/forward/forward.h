@@ -41,6 +41,11 @@ int count_storage(const MeshModel& mesh, int nodes_per_element);
 void generate_index(const MeshModel& mesh, int nodes_per_element,
                     ConductanceMatrix* cm);
 
+// Both passes with the allocation between them: sizes every array of cm
+// (values and permutation included) for the mesh.
+void build_matrix_pattern(const MeshModel& mesh, int nodes_per_element,
+                          ConductanceMatrix* cm);
+
 // ---- element equations ---------------------------------------------------
 
 // Element matrix of stiffness plus k^2 times mass for an element of p nodes

@@ -179,3 +179,15 @@ void generate_index(const MeshModel& mesh, int nodes_per_element,
       0.0);
   cm->element_matrices_k = std::numeric_limits<double>::quiet_NaN();
 }
+
+void build_matrix_pattern(const MeshModel& mesh, int nodes_per_element,
+                          ConductanceMatrix* cm) {
+  const int m = count_storage(mesh, nodes_per_element);
+  const std::size_t n = static_cast<std::size_t>(mesh.num_nodes);
+  cm->num_entries = m;
+  cm->matrix_row_start.assign(n + 1, 0);
+  cm->matrix_columns.assign(static_cast<std::size_t>(m), 0);
+  cm->matrix_values.assign(static_cast<std::size_t>(m), 0.0);
+  cm->matrix_permutation.assign(n, 0);
+  generate_index(mesh, nodes_per_element, cm);
+}

@@ -54,17 +54,6 @@ void write_banner_and_date() {
            wv_int(local.tm_year + 1900)});
 }
 
-void build_pattern(RunState* s) {
-  const int nodes_per_element = s->ctx.mesh_type;
-  int m = count_storage(s->mesh, nodes_per_element);
-  s->cm.num_entries = m;
-  s->cm.matrix_row_start.assign((size_t)s->mesh.num_nodes + 1, 0);
-  s->cm.matrix_columns.assign((size_t)m, 0);
-  s->cm.matrix_values.assign((size_t)m, 0.0);
-  s->cm.matrix_permutation.assign((size_t)s->mesh.num_nodes, 0);
-  generate_index(s->mesh, nodes_per_element, &s->cm);
-}
-
 void allocate_forward_work(RunState* s) {
   size_t n = (size_t)s->mesh.num_nodes;
   require_memory(8.0 * (double)n * (s->table.num_electrodes + 2),
@@ -81,7 +70,7 @@ void read_control_and_build(RunState* s) {
   read_job_record(ctx);
   read_mesh(ctx, &s->mesh);
   check_singular_and_res_calc(ctx);
-  build_pattern(s);
+  build_matrix_pattern(s->mesh, ctx->mesh_type, &s->cm);
   check_flux_type(ctx);
   if (ctx->mesh_type == 3) read_mesh_scale(ctx, &s->mesh);
   read_start_model(ctx, s->mesh, &s->log_conductivity);
