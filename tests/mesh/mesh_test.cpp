@@ -1,252 +1,176 @@
-// Tests of the mesh readers: grid numbering of mesh_type 4 and 5, mesh.dat
-// placed by record numbers, mesh_scale, and the stops on bad numbers.
+// Tests of the mesh and model readers: grid numbering, mesh.dat, mesh_scale,
+// start model regions, electrode files, patching and the polyline mask.
+#include <cmath>
+
 #include "mesh_test_util.h"
 
 namespace {
 
 using MeshTest = ScratchDirTest;
 
-void expect_same_mesh(const MeshModel& a, const MeshModel& b) {
-  EXPECT_EQ(a.num_nodes, b.num_nodes);
-  EXPECT_EQ(a.num_elements, b.num_elements);
-  EXPECT_EQ(a.node_x, b.node_x);
-  EXPECT_EQ(a.node_y, b.node_y);
-  EXPECT_EQ(a.element_nodes, b.element_nodes);
-  EXPECT_EQ(a.element_parameter, b.element_parameter);
-  EXPECT_EQ(a.pin_flags, b.pin_flags);
+bool same_mesh(const MeshModel& a, const MeshModel& b) {
+  return a.node_x == b.node_x && a.node_y == b.node_y &&
+         a.element_nodes == b.element_nodes && a.element_parameter == b.element_parameter;
 }
 
-TEST_F(MeshTest, GridNumberingGoesDownColumnsAndRoundCells) {
-  // 2 by 2 grid: four nodes, one element (1, 3, 4, 2).
-  open_control("2 2\n0.0 1.0\n0.0 0.0\n0.0 2.0\n");
-  RunContext ctx = make_context(0, 4);
-  MeshModel mesh{};
-  read_mesh(&ctx, &mesh);
+TEST_F(MeshTest, GridNodesRunDownColumnsAndElementsGoRoundCells) {
+  RunContext ctx{};
+  MeshModel m = load_mesh(&ctx, 4, "2 2\n0 1\n0 0\n0 2\n");
+  EXPECT_EQ(m.element_nodes, (std::vector<int>{1, 3, 4, 2, 1}));  // then node 1
+  // 3 by 4 with offsets: element 4 is column 2, row 1; y is depth - offset.
+  m = load_mesh(&ctx, 4, "3 4\n0 1.5 4\n0 1 -1\n0 1 3 7\n");
+  EXPECT_EQ(std::vector<int>(m.element_nodes.begin() + 12, m.element_nodes.begin() + 16),
+            (std::vector<int>{5, 9, 10, 6}));
+  const double offset[3] = {0, 1, -1}, depth[4] = {0, 1, 3, 7};
+  for (int n = 1; n <= 12; ++n)
+    EXPECT_EQ(m.node_y[n - 1], depth[(n - 1) % 4] - offset[(n - 1) / 4]) << n;
+  // Type 5 reads a list per column: here the rows shifted by those offsets.
+  EXPECT_TRUE(same_mesh(m, load_mesh(&ctx, 5, "3 4\n0 1.5 4\n0 1 3 7\n-1 0 2 6\n1 2 4 8\n")));
+  // Zero offsets give the mesh of type 5 with equal lists, one read each.
+  MeshModel a = load_mesh(&ctx, 4, "3 3\n0 1 2\n0 0 0\n0 0.5 2\n");
+  MeshModel b = load_mesh(&ctx, 5, "3 3\n0 1 2\n0 0.5 2\n0 0.5\n2\n0 0.5 2\n");
   EXPECT_EQ(ctx.mesh_type, 4);
-  EXPECT_EQ(ctx.num_x, 2);
-  EXPECT_EQ(ctx.num_y, 2);
-  ASSERT_EQ(mesh.num_nodes, 4);
-  ASSERT_EQ(mesh.num_elements, 1);
-  ASSERT_EQ(mesh.element_nodes.size(), 5u);
-  EXPECT_EQ(slot(mesh, 1, 1), 1);
-  EXPECT_EQ(slot(mesh, 1, 2), 3);
-  EXPECT_EQ(slot(mesh, 1, 3), 4);
-  EXPECT_EQ(slot(mesh, 1, 4), 2);
-  EXPECT_EQ(mesh.element_nodes[4], 1);  // the extra entry holds node 1
-  tio_close_all();
-
-  // 3 by 4 grid with offsets, x list spread over lines and comments behind
-  // the last item of each record.
-  open_control(
-      "3 4   grid size\n"
-      "0.0\n1.5\n4.0  x list\n"
-      "0.0 0.25 -1.0  offsets\n"
-      "0.0, 1.0, 3.0, 7.0  rows\n");
-  ctx = make_context(1, 4);
-  read_mesh(&ctx, &mesh);
-  ASSERT_EQ(mesh.num_nodes, 12);
-  ASSERT_EQ(mesh.num_elements, 6);
-  ASSERT_EQ(mesh.element_nodes.size(), 25u);
-  EXPECT_EQ(mesh.element_nodes[24], 1);
-  // Element 4 is column 2, row 1: nodes 5, 9, 10, 6.
-  EXPECT_EQ(slot(mesh, 4, 1), 5);
-  EXPECT_EQ(slot(mesh, 4, 2), 9);
-  EXPECT_EQ(slot(mesh, 4, 3), 10);
-  EXPECT_EQ(slot(mesh, 4, 4), 6);
-  const double xs[3] = {0.0, 1.5, 4.0};
-  const double t[3] = {0.0, 0.25, -1.0};
-  const double ys[4] = {0.0, 1.0, 3.0, 7.0};
-  for (int i = 1; i <= 3; ++i) {
-    for (int j = 1; j <= 4; ++j) {
-      int n = (i - 1) * 4 + j;
-      EXPECT_EQ(mesh.node_x[n - 1], xs[i - 1]) << n;
-      EXPECT_EQ(mesh.node_y[n - 1], ys[j - 1] - t[i - 1]) << n;
-    }
-  }
-  for (int i = 1; i <= 2; ++i) {
-    for (int j = 1; j <= 3; ++j) {
-      int e = (i - 1) * 3 + j;
-      int n = (i - 1) * 4 + j;
-      EXPECT_EQ(slot(mesh, e, 1), n);
-      EXPECT_EQ(slot(mesh, e, 2), n + 4);
-      EXPECT_EQ(slot(mesh, e, 3), n + 5);
-      EXPECT_EQ(slot(mesh, e, 4), n + 1);
-    }
-  }
-  EXPECT_EQ(mesh.element_parameter, std::vector<int>(6, 0));
-  EXPECT_EQ(mesh.pin_flags, std::vector<int>(12, 0));
+  EXPECT_TRUE(same_mesh(a, b));
 }
 
-TEST_F(MeshTest, ZeroOffsetsEqualDepthListsAndDepthListsPerColumn) {
-  open_control("3 3\n0 1 2\n0 0 0\n0.0 0.5 2.0\n");
-  RunContext ctx4 = make_context(0, 4);
-  MeshModel mesh4{};
-  read_mesh(&ctx4, &mesh4);
-  tio_close_all();
-
-  // Each depth list starts on a new line and skips the rest of its last line.
-  open_control(
-      "3 3\n0 1 2\n"
-      "0.0 0.5 2.0  column 1\n"
-      "0.0 0.5\n 2.0  column 2\n"
-      "0.0 0.5 2.0  column 3\n");
-  RunContext ctx5 = make_context(0, 5);
-  MeshModel mesh5{};
-  read_mesh(&ctx5, &mesh5);
-  EXPECT_EQ(ctx5.mesh_type, 4);
-  expect_same_mesh(mesh4, mesh5);
-  tio_close_all();
-
-  // Different lists per column land in their own column.
-  open_control("2 3\n0 1\n0 1 2\n0 3 9\n");
-  RunContext ctx = make_context(0, 5);
-  MeshModel mesh{};
-  read_mesh(&ctx, &mesh);
-  const double expect_y[6] = {0, 1, 2, 0, 3, 9};
-  for (int n = 0; n < 6; ++n) EXPECT_EQ(mesh.node_y[n], expect_y[n]);
-  tio_close_all();
-
-  // One column of nodes: no elements, and that is legal.
-  open_control("1 3\n5.0\n0.5\n0 1 2\n");
-  ctx = make_context(0, 4);
-  read_mesh(&ctx, &mesh);
-  EXPECT_EQ(mesh.num_nodes, 3);
-  EXPECT_EQ(mesh.num_elements, 0);
-  ASSERT_EQ(mesh.element_nodes.size(), 1u);
-  EXPECT_EQ(mesh.element_nodes[0], 1);
-  EXPECT_EQ(mesh.node_y[2], 1.5);
-}
-
-const char* kMeshForward =
-    "3 5\n"
-    "1 1 2 3 1 7\n"
-    "2 2 4 3 2 7\n"
-    "3 3 4 5 2 8\n"
-    "1 0.0 0.0\n"
-    "2 1.0 0.0\n"
-    "3 0.5 -1.0\n"
-    "4 2.0 -0.5\n"
-    "5 1.5, -2.25\n";
-
-const char* kMeshReverse =
-    "3 5\n"
-    "3 3 4 5 2 8\n"
-    "2 2 4 3 2 7\n"
-    "1 1 2 3 1 7\n"
-    "5 1.5 -2.25\n"
-    "4 2.0 -0.5\n"
-    "3 0.5 -1.0\n"
-    "2 1.0 0.0\n"
-    "1 0.0 0.0\n";
-
-TEST_F(MeshTest, MeshFileRecordsArePlacedByTheirNumbers) {
-  write_file("mesh.dat", kMeshForward);
-  open_control("");
-  RunContext ctx = make_context(0, 3);
-  ctx.num_x = -5;
-  MeshModel forward{};
-  read_mesh(&ctx, &forward);
-  tio_close_all();
-  EXPECT_EQ(ctx.mesh_type, 3);
-  EXPECT_EQ(ctx.num_x, 1);
+TEST_F(MeshTest, MeshFileIsPlacedByRecordNumbersAndScaled) {
+  RunContext ctx{};
+  write_file("mesh.dat", "3 5\n1 1 2 3 1 7\n2 2 4 3 2 7\n3 3 4 5 2 8\n"
+                         "1 0 0\n2 1 0\n3 0.5 -1\n4 2 -0.5\n5 1.5 -2.25\n");
+  MeshModel a = load_mesh(&ctx, 3, "");
+  EXPECT_EQ(a.element_nodes, (std::vector<int>{1, 2, 3, 7, 2, 4, 3, 7, 3, 4, 5, 8, 1}));
+  EXPECT_EQ(a.element_parameter, (std::vector<int>{1, 2, 2}));
+  EXPECT_EQ(a.node_y, (std::vector<double>{0, 0, -1, -0.5, -2.25}));
   EXPECT_EQ(ctx.num_y, 5);
-  ASSERT_EQ(forward.num_elements, 3);
-  ASSERT_EQ(forward.num_nodes, 5);
-  const std::vector<int> nodes = {1, 2, 3, 7, 2, 4, 3, 7, 3, 4, 5, 8, 1};
-  EXPECT_EQ(forward.element_nodes, nodes);
-  EXPECT_EQ(forward.element_parameter, (std::vector<int>{1, 2, 2}));
-  EXPECT_EQ(forward.node_x, (std::vector<double>{0.0, 1.0, 0.5, 2.0, 1.5}));
-  EXPECT_EQ(forward.node_y, (std::vector<double>{0.0, 0.0, -1.0, -0.5, -2.25}));
-  EXPECT_EQ(forward.pin_flags, std::vector<int>(5, 0));
-
-  write_file("mesh.dat", kMeshReverse);
-  ctx = make_context(0, 3);
-  MeshModel reverse{};
-  read_mesh(&ctx, &reverse);
-  expect_same_mesh(forward, reverse);
-}
-
-TEST_F(MeshTest, MeshScaleMultipliesBothCoordinates) {
-  write_file("mesh.dat", kMeshForward);
-  open_control("2.5   scale\n1.0\n");
-  RunContext ctx = make_context(0, 3);
-  MeshModel mesh{};
-  read_mesh(&ctx, &mesh);
-  MeshModel original = mesh;
-  read_mesh_scale(&ctx, &mesh);
-  EXPECT_EQ(ctx.mesh_scale, 2.5);
+  write_file("mesh.dat", "3 5\n3 3 4 5 2 8\n2 2 4 3 2 7\n1 1 2 3 1 7\n"
+                         "5 1.5 -2.25\n4 2 -0.5\n3 0.5 -1\n2 1 0\n1 0 0\n");
+  MeshModel b = load_mesh(&ctx, 3, "2.5\n");
+  EXPECT_TRUE(same_mesh(a, b));
+  read_mesh_scale(&ctx, &b);
   for (int n = 0; n < 5; ++n) {
-    EXPECT_EQ(mesh.node_x[n], original.node_x[n] * 2.5);
-    EXPECT_EQ(mesh.node_y[n], original.node_y[n] * 2.5);
+    EXPECT_EQ(b.node_x[n], a.node_x[n] * 2.5);
+    EXPECT_EQ(b.node_y[n], a.node_y[n] * 2.5);
   }
-  read_mesh_scale(&ctx, &mesh);  // a scale of 1 leaves them as they are
-  EXPECT_EQ(ctx.mesh_scale, 1.0);
-  EXPECT_EQ(mesh.node_x[4], 3.75);
-  EXPECT_EQ(mesh.node_y[4], -5.625);
-  EXPECT_EQ(mesh.element_nodes, original.element_nodes);
-}
-
-TEST_F(MeshTest, OutOfRangeNumbersInMeshFileStop) {
-  RunContext ctx = make_context(0, 3);
-  MeshModel mesh{};
-
-  write_file("mesh.dat", "2 3\n1 1 2 3 1 0\n3 1 2 3 1 0\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: element number out of range in mesh.dat:          3");
-
-  write_file("mesh.dat", "2 3\n0 1 2 3 1 0\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: element number out of range in mesh.dat:          0");
-
-  // The third node of the second element is outside 1..3; the sixth value
-  // is a zone number and may be anything.
+  // Node 4 of a 3-node mesh would index outside the node arrays; the sixth
+  // value is a zone number, not a node, and is not checked.
   write_file("mesh.dat", "2 3\n1 1 2 3 1 99\n2 1 3 4 1 -5\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: node number out of range in mesh.dat:          4");
-
-  write_file("mesh.dat", "1 3\n1 1 -2 3 1 0\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: node number out of range in mesh.dat:         -2");
-
-  write_file("mesh.dat", "1 3\n1 1 2 3 1 0\n1 0 0\n4 1 1\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: node number out of range in mesh.dat:          4");
-
-  write_file("mesh.dat", "-1 3\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: mesh.dat must give at least zero elements and nodes");
-
-  write_file("mesh.dat", "1 -3\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: mesh.dat must give at least zero elements and nodes");
-
-  // A repeated element number leaves element 1 without nodes.
-  write_file("mesh.dat", "2 3\n2 1 2 3 1 0\n2 1 2 3 1 0\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: element number missing in mesh.dat:          1");
+  expect_stop("", [&] { read_mesh(&ctx, &b); },
+              " FATAL: node number out of range in mesh.dat:          4");
 }
 
-TEST_F(MeshTest, BadGridSizesAndMeshTypesStop) {
-  RunContext ctx = make_context(0, 4);
-  MeshModel mesh{};
+TEST_F(MeshTest, StartModelRegions) {
+  RunContext ctx{};
+  MeshModel m{0, 12, {}, {}, {}, {}, {}};
+  std::vector<double> v;
+  open_control("1\n1 12 100.0\n");
+  read_start_model(&ctx, m, &v);
+  ASSERT_EQ(v.size(), 12u);
+  for (double x : v) EXPECT_NEAR(x, -4.605170186, 1e-9);
+  // Later records overwrite earlier ones; elem1 above elem2 sets nothing.
+  open_control("3\n1 10 100.0\n5 6 10.0\n7 3 50.0\n");
+  read_start_model(&ctx, m, &v);
+  for (int e = 1; e <= 10; ++e)
+    EXPECT_DOUBLE_EQ(v[e - 1], -std::log(e == 5 || e == 6 ? 10.0 : 100.0)) << e;
+  // elem1 of 0 stops even with a valid elem2; with both out elem1 is named.
+  const std::string range = " must be in range 1:number of elements ";
+  const std::pair<const char*, std::string> bad[] = {
+      {"1\n0 3 10.0\n", " FATAL: defining regions - elem1" + range},
+      {"1\n0 13 10.0\n", " FATAL: defining regions - elem1" + range},
+      {"1\n1 13 10.0\n", " FATAL: defining regions - elem2" + range},
+      {"1\n2 1 0.0\n", " FATAL: defining regions - resistivity must be > 0"}};
+  for (const auto& [records, msg] : bad)
+    expect_stop(records, [&] { read_start_model(&ctx, m, &v); }, msg);
+}
 
-  write_file("Q5.in", "0 3\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: grid must have at least one column and one row");
+TEST_F(MeshTest, ElectrodeFiles) {
+  // Type 5 grid of 3 by 4 with the depth 2.5 at column 2, row 3 (node 7): the
+  // files show height, -2.500.
+  RunContext ctx{};
+  MeshModel m = load_mesh(&ctx, 5, "3 4\n0 1 2\n0.5 1 2 4\n0.5 1 2.5 4\n0.5 1 2 4.125\n"
+                                   "3\n5 1 1\n17 2 3\n-4 3 4\n");
+  tio_open(CH_ELECTRODES, "electrodes.dat");
+  tio_open(CH_ELECTRODES_VTK, "electrodes.vtk");
+  ElectrodeTable t{};
+  read_electrodes(ctx, m, &t);
+  EXPECT_EQ(t.electrode_nodes, (std::vector<int>{1, 7, 12}));
+  const std::string lines = "       0.000      -0.500       0.000\n"
+                            "       1.000      -2.500       0.000\n"
+                            "       2.000      -4.125       0.000\n";
+  EXPECT_EQ(read_file("electrodes.dat"), lines);
+  EXPECT_EQ(read_file("electrodes.vtk"), "# vtk DataFile Version 3.0\nOutput from Q5\nASCII\n"
+                                         "DATASET POLYDATA\nPOINTS       3 double\n" + lines);
+  // Column num_x passes; one more stops before the row, also out, is seen.
+  // The message gives the table position (3), not the id (17). Log only.
+  const std::string grid = "3 4\n0 1 2\n0 0 0\n0 1 2 3\n";
+  const std::pair<const char*, const char*> bad[] = {
+      {"2\n1 3 4\n2 4 5\n", " FATAL:  column number too large for electrode    2"},
+      {"3\n1 1 1\n2 1 2\n17 2 5\n", " FATAL:  row number too large for electrode    3"}};
+  for (const auto& [records, msg] : bad)
+    expect_stop(grid + records, [&] {
+      ctx.mesh_type = 4;
+      read_mesh(&ctx, &m);
+      read_electrodes(ctx, m, &t);
+    }, msg, true);
+}
 
-  write_file("Q5.in", "3 -1\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: grid must have at least one column and one row");
+TEST_F(MeshTest, PatchingOfAGrid) {
+  RunContext ctx{};
+  ctx.mesh_type = 4;
+  MeshModel m{};
+  ParameterMap map{};
+  std::vector<double> v(50);
+  for (int e = 0; e < 50; ++e) v[e] = e + 1.0;  // shows which element set a start
+  auto build = [&](int nx, int ny, const char* records) {
+    ctx.num_x = nx;
+    ctx.num_y = ny;
+    m.num_elements = (nx - 1) * (ny - 1);
+    m.element_parameter.assign(m.num_elements, -7);
+    open_control(records);
+    build_parameter_map(&ctx, &m, v, &map);
+  };
+  // 11 by 6 nodes, sizes 2 and 1: 5 by 5 blocks. Cell (3, 4), element 20,
+  // has parameter 10 with element 15: the last in element order sets it.
+  build(11, 6, "2 1\n");
+  EXPECT_EQ(map.num_parameters, 25);
+  EXPECT_EQ(m.element_parameter[3 * 5 + 4], 10);
+  EXPECT_EQ(m.element_parameter[2 * 5 + 4], 10);
+  EXPECT_EQ(map.start_parameters[9], 20.0);
+  build(7, 5, "2 2\n");  // 3 by 2 blocks: cell (4, 3) has (4 / 2) * 2 + 3 / 2 + 1
+  EXPECT_EQ(m.element_parameter[4 * 4 + 3], 6);
+  // Block lists from cell column and row 2 of 7 by 4 cells: cells outside
+  // all blocks get 0, and a block of no rows is a parameter with no cell.
+  build(8, 5, "5 0\n2 3\n2 1 2\n2 1 0 1\n");
+  EXPECT_EQ(map.num_parameters, 6);
+  EXPECT_EQ(m.element_parameter, (std::vector<int>{0, 0, 0, 0, 0, 1, 3, 0, 0, 4, 6, 0, 0, 4,
+                                                   6, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+  // 9 cells along x do not split into blocks of 2.
+  expect_stop("2 1\n", [&] { build(10, 6, "2 1\n"); },
+              " Error: Patch size of     2 not valid in X");
+}
 
-  // 65536 * 32768 is 2^31, one above the largest 32-bit node number.
-  write_file("Q5.in", "65536 32768\n");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_BOTH_STREAMS(" FATAL: grid has too many nodes for 32-bit node numbers");
-
-  ctx.mesh_type = 6;
-  write_file("Q5.in", "");
-  EXPECT_STOPS(read_mesh(&ctx, &mesh));
-  EXPECT_LOG_ONLY(" FATAL: Incorrect mesh type specified - must be 3/4/5");
+TEST_F(MeshTest, PolylineMaskOfAGrid) {
+  // Grid x 0..4, depth 0..4: cell centres at x 0.5..3.5, heights -0.5..-3.5.
+  // The square from x 0.5 to 2.5 and height -2.5 to -0.5, given in height,
+  // runs through centres: on the lower edge no edge counts (outside); on the
+  // upper edge each side counts once, as on the sides, where t is 0 on the
+  // right side, which is not below 0: elements 1, 2, 5 and 6 are written.
+  const std::string grid = "5 5\n0 1 2 3 4\n0 0 0 0 0\n0 1 2 3 4\n";
+  RunContext ctx{};
+  OutputMask mask{};
+  MeshModel m = load_mesh(&ctx, 4, grid + "5\n0.5 -2.5\n2.5 -2.5\n2.5 -0.5\n0.5 -0.5\n0.5 -2.5\n");
+  std::vector<double> depth = m.node_y;
+  read_polyline_mask(ctx, &m, &mask);
+  EXPECT_EQ(m.node_y, depth);  // the sign is changed back
+  std::vector<unsigned char> elements(16, 0), nodes(25, 0);
+  for (int e : {1, 2, 5, 6}) elements[e - 1] = 1;
+  for (int n : {1, 2, 3, 6, 7, 8, 11, 12, 13}) nodes[n - 1] = 1;
+  EXPECT_EQ(mask.element_mask, elements);
+  EXPECT_EQ(mask.node_mask, nodes);
+  // A single point has no edges: nothing is written.
+  m = load_mesh(&ctx, 4, grid + "1\n1 -1\n");
+  read_polyline_mask(ctx, &m, &mask);
+  EXPECT_EQ(mask.element_mask, std::vector<unsigned char>(16, 0));
+  EXPECT_EQ(mask.node_mask, std::vector<unsigned char>(25, 0));
 }
 
 }  // namespace
