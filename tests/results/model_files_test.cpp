@@ -97,4 +97,32 @@ TEST_F(ModelFilesTest, TrianglesQuadrilateralsMasksAndRawValues) {
   EXPECT_EQ(read_file("m.dat").find('\n', 61), 61u + 45);
 }
 
+TEST_F(ModelFilesTest, DifferenceSensitivityAndResolutionAppendToTheVtkFile) {
+  OutputMask mask{{1, 0, 1}, {1, 1, 1, 0, 0, 1}};
+  const std::vector<double> v = {0.0, 0.0, 0.0}, d = {12.5, 99.0, -3.25}, w = {100.0, 7.0, 0.01};
+  tio_open(CH_MODEL_VTK, "m.vtk");
+  write_model(v.data(), kTriangles, mask, 3, false, CH_MODEL, CH_MODEL_VTK, 1);
+  tio_open(CH_ITER_VTK, "d.dat");
+  write_difference(d.data(), kTriangles, mask, 3);
+  tio_open(CH_MAP, "s.dat");
+  write_model(w.data(), kTriangles, mask, 3, true, CH_MAP, CH_MODEL_VTK, CONTENT_SENSITIVITY);
+  write_model(w.data(), kTriangles, mask, 3, true, CH_MAP, CH_MODEL_VTK, CONTENT_RESOLUTION);
+  tio_close_all();
+  // The mesh block is not repeated: only headings and value lines follow
+  // the log10 resistivity line (rho 1: log10 0).
+  std::string logs = f("F20.5", 2.0) + f("F20.5", -2.0) + "\n", vtk = read_file("m.vtk");
+  size_t at = vtk.find("\nSCALARS Resistivity(log10)");
+  ASSERT_NE(at, std::string::npos);
+  EXPECT_EQ(vtk.substr(at + 58),
+            f("F20.5", 0.0) + f("F20.5", 0.0) + "\nSCALARS difference(percent) double 1\nLOOKUP_TABLE default\n" +
+                f("F20.5", 12.5) + f("F20.5", -3.25) +
+                "\nSCALARS Sensitivity(log10) double 1\nLOOKUP_TABLE default\n" + logs.substr(0, 40) +
+                "\nSCALARS Resolution(log10) double 1\nLOOKUP_TABLE default\n" + logs);
+  EXPECT_EQ(read_file("d.dat"), f("E15.5", 5.0) + f("E15.5", -7.25 / 3.0) + f("E15.5", 12.5) + "\n" +
+                                    f("E15.5", 1.0 / 3.0 * (0 + 5 + 1.0 / 3)) +
+                                    f("E15.5", (0 - 7.25 + 2) / 3.0) + f("E15.5", -3.25) + "\n");
+  EXPECT_EQ(read_file("s.dat").substr(0, 61), f("E15.5", 5.0) + f("E15.5", -7.25 / 3.0) +
+                                                  f("E15.5", 100.0) + f("E15.5", 2.0) + "\n");
+}
+
 }  // namespace
