@@ -188,3 +188,23 @@ TEST(ForwardJob, TriangleMeshWithStartFileAndPolyline) {
   EXPECT_EQ(vtk[9], " CELLS          2         8");
   EXPECT_EQ(vtk[10], "         3         0         1         3");
 }
+
+TEST(ForwardJob, ZeroResistivityInStartFileGivesNumbersThatAreNot) {
+  // The start file is not checked: -ln(0) makes an infinite conductivity.
+  // PARDISO reports no error for such a matrix, so the job ends normally and
+  // its results show what the text layer makes of the non-numbers.
+  std::string dir = make_run_dir();
+  std::string control = small_forward_control("2.0", "0");
+  control.replace(control.find("2\n1 32 100.0\n13 20 10.0\n"), 24, "0\nstart.txt\n");
+  std::string start;
+  for (int e = 1; e <= 32; ++e) start += e == 5 ? "0 0 0.0\n" : "0 0 100\n";
+  write_file(dir, "start.txt", start);
+  write_file(dir, "Q5.in", control);
+  write_file(dir, "protocol.dat", "1\n1 12 13 11 14\n");
+  RunResult r = run_q5_in(dir);
+  EXPECT_EQ(r.console.back(), "All ok");
+  Lines out = read_lines(dir, "Q5_forward.dat");
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_EQ(out[1], "    1     12     13     11     14                 NaN            NaN");
+  EXPECT_EQ(read_lines(dir, "forward_model.dat")[4].substr(45), "      -Infinity");
+}
