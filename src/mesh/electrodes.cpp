@@ -4,6 +4,7 @@
 
 #include <cstddef>
 
+#include "run/memory_guard.h"
 #include "run/run_context.h"
 #include "textio/textio.h"
 
@@ -56,6 +57,8 @@ void read_electrodes(const RunContext& ctx, const MeshModel& mesh,
   tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&count)});
   // A negative count is read as an empty table.
   if (count < 0) count = 0;
+  // The table and the potentials of one unit source per electrode.
+  require_memory(8.0 * count * (mesh.num_nodes + 1.0), "the electrodes");
   table->num_electrodes = count;
   table->electrode_nodes.assign(static_cast<std::size_t>(count), 0);
   table->electrode_ids.assign(static_cast<std::size_t>(count), 0);

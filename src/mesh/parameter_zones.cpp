@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstddef>
 
+#include "run/memory_guard.h"
 #include "run/run_context.h"
 #include "textio/textio.h"
 
@@ -213,6 +214,7 @@ void read_polyline_mask(const RunContext& ctx, MeshModel* mesh,
   int n = 0;
   tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&n)});
   if (n < 1) n = 0;
+  require_memory(16.0 * n, "the polyline");
   std::vector<double> px(static_cast<std::size_t>(n));
   std::vector<double> py(static_cast<std::size_t>(n));
   for (int k = 0; k < n; ++k)

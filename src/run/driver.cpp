@@ -17,7 +17,6 @@
 #include "mesh/mesh_model.h"
 #include "results/model_files.h"
 #include "run/control_file.h"
-#include "run/memory_guard.h"
 #include "run/run_context.h"
 #include "run/timers.h"
 #include "textio/textio.h"
@@ -56,8 +55,6 @@ void write_banner_and_date() {
 
 void allocate_forward_work(RunState* s) {
   size_t n = (size_t)s->mesh.num_nodes;
-  require_memory(8.0 * (double)n * (s->table.num_electrodes + 2),
-                 "the potentials of the electrodes");
   s->work.right_hand_side.assign(n, 0.0);
   s->work.primary_potential.assign(n, 0.0);
   s->work.potentials.assign(n * (size_t)s->table.num_electrodes, 0.0);
