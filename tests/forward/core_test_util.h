@@ -1,238 +1,127 @@
-// Helpers of the forward-core tests: a scratch working directory per test,
-// small meshes (grids and randomly numbered triangulations) and the pattern.
+// Helpers of the forward-solver tests: a scratch directory, small random
+// meshes, the pattern as the driver builds it, and dense reference algebra.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
-#include <sstream>
+#include <ranges>
 #include <string>
 #include <vector>
 
+#include "data/measurement_set.h"
 #include "forward/forward.h"
 #include "mesh/mesh_model.h"
 #include "textio/textio.h"
 
-namespace core_test {
+const double eps = 0x1p-52;  // machine epsilon of double
 
-// Runs a test in a fresh directory and goes back (removing it) at the end.
+// A stop of the run (status 0) in a plain test would pass unseen: fail it. The
+// test registry is made first, so that it outlives the handler.
+inline const int stop_guard = (testing::UnitTest::GetInstance(), std::atexit([] {
+  if (testing::UnitTest::GetInstance()->current_test_info() && !testing::internal::InDeathTestChild()) _exit(1);
+}));
+
+// Runs a test in a fresh directory, removed at the end.
 struct ScratchDir {
-  std::string previous;
-  std::string path;
-  ScratchDir() {
-    char old[4096];
-    previous = getcwd(old, sizeof old) ? old : "/tmp";
-    char name[] = "/tmp/q5_fwd_core_XXXXXX";
-    path = mkdtemp(name);
-    EXPECT_EQ(chdir(path.c_str()), 0);
-  }
-  ~ScratchDir() {
-    tio_close_all();
-    EXPECT_EQ(chdir(previous.c_str()), 0);
-    std::error_code ec;
-    std::filesystem::remove_all(path, ec);
-  }
+  std::filesystem::path previous = std::filesystem::current_path(), path = "/tmp/q5_fwd_" + std::to_string(getpid());
+  ScratchDir() { std::filesystem::create_directory(path), std::filesystem::current_path(path); }
+  ~ScratchDir() { tio_close_all(), std::filesystem::current_path(previous), std::filesystem::remove_all(path); }
 };
 
-inline std::string read_file(const std::string& name) {
-  std::ifstream in(name, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+inline std::string read_file(const char* name) {
+  return {std::istreambuf_iterator<char>(std::ifstream(name).rdbuf()), {}};
 }
 
-// Grid of nx by ny nodes numbered down the columns, four-node elements going
-// round each cell, y positive downward.
-inline MeshModel make_grid(const std::vector<double>& xs,
-                           const std::vector<double>& ys) {
-  const int nx = static_cast<int>(xs.size());
-  const int ny = static_cast<int>(ys.size());
-  MeshModel m;
-  m.num_nodes = nx * ny;
-  m.num_elements = (nx - 1) * (ny - 1);
-  m.node_x.resize(m.num_nodes);
-  m.node_y.resize(m.num_nodes);
-  for (int i = 0; i < nx; ++i) {
-    for (int j = 0; j < ny; ++j) {
-      m.node_x[i * ny + j] = xs[i];
-      m.node_y[i * ny + j] = ys[j];
-    }
-  }
-  m.element_nodes.assign(4 * m.num_elements + 1, 0);
-  for (int i = 1; i < nx; ++i) {
-    for (int j = 1; j < ny; ++j) {
-      const int e = (i - 1) * (ny - 1) + j;
-      const int n = (i - 1) * ny + j;
-      int* en = &m.element_nodes[4 * (e - 1)];
-      en[0] = n;
-      en[1] = n + ny;
-      en[2] = n + ny + 1;
-      en[3] = n + 1;
-    }
-  }
-  m.element_nodes[4 * m.num_elements] = 1;
-  m.element_parameter.assign(m.num_elements, 0);
-  m.pin_flags.assign(m.num_nodes, 0);
-  m.pin_flags[0] = 1;
+inline double max_abs(const std::vector<double>& v) {
+  return std::ranges::max(v | std::views::transform([](double x) { return std::fabs(x); }));
+}
+
+// Mesh from coordinates and element slot lists (3 or 4 slots); node 1 pinned.
+inline MeshModel make_mesh(const std::vector<double>& x, const std::vector<double>& y,
+                           const std::vector<std::vector<int>>& els) {
+  const int n = static_cast<int>(x.size()), ne = static_cast<int>(els.size());
+  MeshModel m{n, ne, x, y, std::vector<int>(4 * ne + 1, 1), std::vector<int>(ne, 0), std::vector<int>(n, 0)};
+  for (int e = 0; e < ne; ++e) std::copy(els[e].begin(), els[e].end(), &m.element_nodes[4 * e]);
+  if (n > 0) m.pin_flags[0] = 1;
   return m;
 }
 
-inline std::vector<double> spaced(int n, double step) {
-  std::vector<double> v(n);
-  for (int i = 0; i < n; ++i) v[i] = i * step;
-  return v;
-}
-
-// Jittered nx by ny point lattice cut into triangles (random diagonal), with node numbers shuffled over nx * ny + unused
-// numbers, elements in random order, and a random zone value in slot four.
-// With quads set, the cells stay four-node elements (anticlockwise); with
-// flip set, about half the triangles are listed clockwise.
-inline MeshModel make_random_mesh(std::mt19937& rng, int nx, int ny, int unused,
-                                  bool quads, bool flip) {
+// Jittered nx by ny lattice, node numbers shuffled, elements in random order:
+// anticlockwise cells (p = 4) or cells cut by a random diagonal (p = 3) with a
+// random zone number in slot four.
+inline MeshModel random_mesh(std::mt19937& rng, int nx, int ny, int p) {
   std::uniform_real_distribution<double> jitter(-0.2, 0.2);
-  std::uniform_int_distribution<int> coin(0, 1);
-  const int lattice = nx * ny;
-  MeshModel m;
-  m.num_nodes = lattice + unused;
-  std::vector<int> number(m.num_nodes);
-  for (int t = 0; t < m.num_nodes; ++t) number[t] = t + 1;
-  std::shuffle(number.begin(), number.end(), rng);
-  m.node_x.assign(m.num_nodes, 0.0);
-  m.node_y.assign(m.num_nodes, 0.0);
-  for (int i = 0; i < nx; ++i) {
-    for (int j = 0; j < ny; ++j) {
-      const int n = number[i * ny + j];
-      m.node_x[n - 1] = i + jitter(rng);
-      m.node_y[n - 1] = j + jitter(rng);
-    }
+  std::vector<int> num(nx * ny);
+  std::vector<double> x(nx * ny), y(nx * ny);
+  for (int t = 0; t < nx * ny; ++t) num[t] = t + 1;
+  std::shuffle(num.begin(), num.end(), rng);
+  for (int t = 0; t < nx * ny; ++t) x[num[t] - 1] = t / ny + jitter(rng), y[num[t] - 1] = t % ny + jitter(rng);
+  std::vector<std::vector<int>> els;
+  for (int t = 0; t < nx * ny - ny; ++t) {
+    if (t % ny == ny - 1) continue;
+    const int a = num[t], b = num[t + ny], c = num[t + ny + 1], d = num[t + 1], z = 1 + rng() % (nx * ny);
+    if (p == 4) els.push_back({a, b, c, d});
+    else if (rng() % 2) els.insert(els.end(), {{a, b, c, z}, {a, c, d, z}});
+    else els.insert(els.end(), {{a, b, d, z}, {b, c, d, z}});
   }
-  for (int t = lattice; t < m.num_nodes; ++t) {
-    m.node_x[number[t] - 1] = 100.0 + t;
-    m.node_y[number[t] - 1] = -3.0;
-  }
-  std::vector<std::vector<int>> elements;
-  for (int i = 0; i + 1 < nx; ++i) {
-    for (int j = 0; j + 1 < ny; ++j) {
-      const int a = number[i * ny + j], b = number[(i + 1) * ny + j];
-      const int c = number[(i + 1) * ny + j + 1], d = number[i * ny + j + 1];
-      if (quads) {
-        elements.push_back({a, b, c, d});
-      } else if (coin(rng)) {
-        elements.push_back({a, b, c});
-        elements.push_back({a, c, d});
-      } else {
-        elements.push_back({a, b, d});
-        elements.push_back({b, c, d});
-      }
-    }
-  }
-  std::shuffle(elements.begin(), elements.end(), rng);
-  m.num_elements = static_cast<int>(elements.size());
-  m.element_nodes.assign(4 * m.num_elements + 1, 0);
-  std::uniform_int_distribution<int> zone(1, m.num_nodes);
-  for (int e = 0; e < m.num_elements; ++e) {
-    std::vector<int>& el = elements[e];
-    if (!quads && flip && coin(rng)) std::swap(el[1], el[2]);
-    for (std::size_t s = 0; s < el.size(); ++s) m.element_nodes[4 * e + s] = el[s];
-    if (!quads) m.element_nodes[4 * e + 3] = zone(rng);
-  }
-  m.element_nodes[4 * m.num_elements] = 1;
-  m.element_parameter.assign(m.num_elements, 0);
-  m.pin_flags.assign(m.num_nodes, 0);
-  m.pin_flags[0] = 1;
-  return m;
+  std::shuffle(els.begin(), els.end(), rng);
+  return make_mesh(x, y, els);
 }
 
-// The pattern as the driver builds it, with the value arrays sized.
-inline void build_pattern(const MeshModel& mesh, int p, ConductanceMatrix* cm) {
-  cm->num_entries = count_storage(mesh, p);
+// The pattern as the driver builds it, value arrays sized; returns the console.
+inline std::string build_pattern(const MeshModel& mesh, int p, ConductanceMatrix* cm) {
+  testing::internal::CaptureStdout();
+  cm->matrix_columns.assign(cm->num_entries = count_storage(mesh, p), 0);
   cm->matrix_row_start.assign(mesh.num_nodes + 1, 0);
-  cm->matrix_columns.assign(cm->num_entries, 0);
   generate_index(mesh, p, cm);
   cm->matrix_values.assign(cm->num_entries, 0.0);
   cm->matrix_permutation.assign(mesh.num_nodes, 0);
+  return testing::internal::GetCapturedStdout();
 }
 
-// Dense assembly of the full symmetric matrix (every local pair added where
-// it falls), the pinned diagonal times 1e10 when pin is set; row-major N by N.
-inline std::vector<double> dense_matrix(const MeshModel& mesh, int p,
-                                        const std::vector<double>& lc, double k,
+// A random mesh of 3 to 55 ohm m, its pattern built.
+inline MeshModel problem(std::mt19937& rng, int p, int nx, int ny, ConductanceMatrix* cm, std::vector<double>* lc) {
+  const MeshModel mesh = random_mesh(rng, nx, ny, p);
+  for (int e = 0; e < mesh.num_elements; ++e) lc->push_back(std::uniform_real_distribution<double>(-4, -1)(rng));
+  build_pattern(mesh, p, cm);
+  return mesh;
+}
+
+// Full symmetric matrix, row-major N by N, every local pair added where it
+// falls; the pinned diagonal times 1e10 when `pin` is set.
+inline std::vector<double> dense_matrix(const MeshModel& mesh, int p, const std::vector<double>& lc, double k,
                                         bool pin) {
   const std::size_t n = mesh.num_nodes;
   std::vector<double> a(n * n, 0.0);
   double ae[25];
   for (int e = 0; e < mesh.num_elements; ++e) {
-    const int* nodes = &mesh.element_nodes[4 * e];
-    element_matrix(ae, mesh.node_x.data(), mesh.node_y.data(), nodes, p, k);
-    const double s = std::exp(lc[e]);
-    for (int i = 0; i < p; ++i)
-      for (int j = 0; j < p; ++j)
-        a[(nodes[i] - 1) * n + nodes[j] - 1] += s * ae[i + 5 * j];
+    const int* nd = &mesh.element_nodes[4 * e];
+    element_matrix(ae, mesh.node_x.data(), mesh.node_y.data(), nd, p, k);
+    for (int t = 0; t < p * p; ++t)
+      a[(nd[t / p] - 1) * n + nd[t % p] - 1] += std::exp(lc[e]) * ae[t / p + 5 * (t % p)];
   }
-  if (pin)
-    for (std::size_t i = 0; i < n; ++i)
-      if (mesh.pin_flags[i] == 1) a[i * n + i] *= 1e10;
+  for (std::size_t i = 0; i < n; ++i) a[i * n + i] *= pin && mesh.pin_flags[i] == 1 ? 1e10 : 1.0;
   return a;
 }
 
-// Solves the dense row-major system a x = b by Gaussian elimination with
-// partial pivoting; a and b are overwritten, x returned.
+// Gaussian elimination without pivoting (a row-major), backward stable on the
+// symmetric positive definite systems of the tests.
 inline std::vector<double> dense_solve(std::vector<double> a, std::vector<double> b) {
   const std::size_t n = b.size();
-  for (std::size_t c = 0; c < n; ++c) {
-    std::size_t piv = c;
-    for (std::size_t r = c + 1; r < n; ++r)
-      if (std::fabs(a[r * n + c]) > std::fabs(a[piv * n + c])) piv = r;
-    if (piv != c) {
-      for (std::size_t t = 0; t < n; ++t) std::swap(a[c * n + t], a[piv * n + t]);
-      std::swap(b[c], b[piv]);
-    }
+  for (std::size_t c = 0; c < n; ++c)
     for (std::size_t r = c + 1; r < n; ++r) {
       const double f = a[r * n + c] / a[c * n + c];
-      if (f == 0.0) continue;
       for (std::size_t t = c; t < n; ++t) a[r * n + t] -= f * a[c * n + t];
       b[r] -= f * b[c];
     }
-  }
-  std::vector<double> x(n);
-  for (std::size_t c = n; c-- > 0;) {
-    double s = b[c];
-    for (std::size_t t = c + 1; t < n; ++t) s -= a[c * n + t] * x[t];
-    x[c] = s / a[c * n + c];
-  }
-  return x;
+  for (std::size_t c = n; c-- > 0; b[c] /= a[c * n + c])
+    for (std::size_t t = c + 1; t < n; ++t) b[c] -= a[c * n + t] * b[t];
+  return b;
 }
-
-// 1-norm condition number of the symmetrically diagonal-scaled matrix
-// D^-1/2 a D^-1/2 (D the diagonal): the pinned diagonal's penalty scales
-// out, leaving the conditioning that limits any backward-stable solver.
-inline double scaled_condition(const std::vector<double>& a, std::size_t n) {
-  std::vector<double> s(n * n), inv(n * n, 0.0);
-  for (std::size_t i = 0; i < n; ++i)
-    for (std::size_t j = 0; j < n; ++j)
-      s[i * n + j] = a[i * n + j] / std::sqrt(std::fabs(a[i * n + i]) * std::fabs(a[j * n + j]));
-  double norm = 0.0;
-  for (std::size_t j = 0; j < n; ++j) {
-    double col = 0.0;
-    for (std::size_t i = 0; i < n; ++i) col += std::fabs(s[i * n + j]);
-    norm = std::max(norm, col);
-  }
-  double inv_norm = 0.0;
-  for (std::size_t j = 0; j < n; ++j) {
-    std::vector<double> e(n, 0.0);
-    e[j] = 1.0;
-    const std::vector<double> col = dense_solve(s, e);
-    double sum = 0.0;
-    for (double v : col) sum += std::fabs(v);
-    inv_norm = std::max(inv_norm, sum);
-  }
-  return norm * inv_norm;
-}
-
-}  // namespace core_test
