@@ -89,7 +89,6 @@ const double* element_matrices(const MeshModel& mesh, int nodes_per_element,
                                double k, ConductanceMatrix* cm) {
   const int p = nodes_per_element;
   const std::size_t pp = static_cast<std::size_t>(p) * p;
-  if (cm->element_matrices.size() != pp * mesh.num_elements) return nullptr;
   double* store = cm->element_matrices.data();
   if (same_wavenumber(cm->element_matrices_k, k)) return store;
   double ae[25];
@@ -116,53 +115,21 @@ void assemble_matrix(const MeshModel& mesh, int nodes_per_element,
   const std::size_t pp = static_cast<std::size_t>(p) * p;
   const int n_nodes = mesh.num_nodes;
   const int* row_start = cm->matrix_row_start.data();
-  const int* columns = cm->matrix_columns.data();
   double* values = cm->matrix_values.data();
   const int m = row_start[n_nodes] - 1;
   for (int t = 0; t < m; ++t) values[t] = 0.0;
 
+  // Each local pair adds s * ae(i, j) at the place the pattern gave it, in
+  // element order and pair order with i outer; mirrored pairs and pairs
+  // outside the pattern have no place and add nothing.
   const double* store = element_matrices(mesh, p, k, cm);
-  const int* positions =
-      cm->element_positions.size() == pp * mesh.num_elements
-          ? cm->element_positions.data()
-          : nullptr;
-  const int* en = mesh.element_nodes.data();
-  double ae[25];
-  double block[16];
+  const int* positions = cm->element_positions.data();
   for (int e = 0; e < mesh.num_elements; ++e) {
     const double s = std::exp(log_conductivity[e]);
-    const double* a = block;
-    if (store != nullptr) {
-      a = store + pp * e;
-    } else {
-      element_matrix(ae, mesh.node_x.data(), mesh.node_y.data(), en + 4 * e, p, k);
-      copy_block(ae, p, block);
-    }
-    const int* nodes = en + 4 * e;
-    if (positions != nullptr) {
-      const int* pos = positions + pp * e;
-      for (int t = 0; t < p * p; ++t) {
-        if (pos[t] > 0) values[pos[t] - 1] += s * a[t];
-      }
-      continue;
-    }
-    // Pairs with i as the outer loop; the row of the lower global node holds
-    // the entry, the mirrored pair adds nothing.
-    for (int i = 0; i < p; ++i) {
-      const int gi = nodes[i];
-      for (int j = 0; j < p; ++j) {
-        const int gj = nodes[j];
-        if (i == j) {
-          values[row_start[gi - 1] - 1] += s * a[i * p + j];
-        } else if (gi < gj) {
-          for (int r = row_start[gi - 1] + 1; r < row_start[gi]; ++r) {
-            if (columns[r - 1] == gj) {
-              values[r - 1] += s * a[i * p + j];
-              break;
-            }
-          }
-        }
-      }
+    const double* a = store + pp * e;
+    const int* pos = positions + pp * e;
+    for (std::size_t t = 0; t < pp; ++t) {
+      if (pos[t] > 0) values[pos[t] - 1] += s * a[t];
     }
   }
   // The one boundary condition: the pinned node's potential is held near 0.

@@ -59,9 +59,9 @@ void element_matrix(double* ae, const double* node_x, const double* node_y,
                     const int* nodes, int p, double k);
 
 // Element matrices of every element at wavenumber k, laid out as
-// cm->element_matrices, computed on the first call for this k and kept until
-// another k is asked for (they depend on geometry and k alone). Returns null
-// when generate_index has not sized the store; callers then use element_matrix.
+// cm->element_matrices (sized by generate_index), computed on the first call
+// for this k and kept until another k is asked for: they depend on geometry
+// and k alone.
 const double* element_matrices(const MeshModel& mesh, int nodes_per_element,
                                double k, ConductanceMatrix* cm);
 

@@ -172,20 +172,9 @@ void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
     const std::size_t pp = static_cast<std::size_t>(p) * p;
     const double* store = element_matrices(mesh, p, k, cm);
     const int* en = mesh.element_nodes.data();
-    double ae[25];
-    double block[16];
     for (int e = 0; e < mesh.num_elements; ++e) {
       const double s = std::exp(log_conductivity[e]);
-      const double* a = block;
-      if (store != nullptr) {
-        a = store + pp * e;
-      } else {
-        element_matrix(ae, mesh.node_x.data(), mesh.node_y.data(), en + 4 * e,
-                       p, k);
-        for (int i = 0; i < p; ++i) {
-          for (int j = 0; j < p; ++j) block[i * p + j] = ae[i + 5 * j];
-        }
-      }
+      const double* a = store + pp * e;
       const int* nodes = en + 4 * e;
       const double contrast = s - sigma_0;
       for (int i = 0; i < p; ++i) {
