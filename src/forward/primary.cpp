@@ -109,26 +109,19 @@ void fill_primary_potential(const MeshModel& mesh, int source, double k,
   const double* y = mesh.node_y.data();
   const double xs = x[source - 1];
   const double ys = y[source - 1];
-  if (k == 0.0) {
-    const double scale = sigma_0 * 12.566370964050293;
-    for (int i = 0; i < n; ++i) {
-      const double dx = x[i] - xs;
-      const double dy = y[i] - ys;
-      const double dyi = y[i] + ys;
-      const double r = std::sqrt(dy * dy + dx * dx);
-      const double ri = std::sqrt(dx * dx + dyi * dyi);
-      primary_potential[i] = (1.0 / r + 1.0 / ri) / scale;
-    }
-  } else {
-    const double scale = sigma_0 * 6.2831854820251465;
-    for (int i = 0; i < n; ++i) {
-      const double dx = x[i] - xs;
-      const double dy = y[i] - ys;
-      const double dyi = y[i] + ys;
-      const double r = std::sqrt(dy * dy + dx * dx);
-      const double ri = std::sqrt(dx * dx + dyi * dyi);
-      primary_potential[i] = (k0_inline(k * r) + k0_inline(k * ri)) / scale;
-    }
+  // k = 0 is the point source of the three-dimensional field (the divisor
+  // is 4 pi); otherwise the two-dimensional transform with K0 (2 pi). Both
+  // divisors are the single-precision values widened.
+  const bool point = k == 0.0;
+  const double scale = sigma_0 * (point ? 12.566370964050293 : 6.2831854820251465);
+  for (int i = 0; i < n; ++i) {
+    const double dx = x[i] - xs;
+    const double dy = y[i] - ys;
+    const double dyi = y[i] + ys;
+    const double r = std::sqrt(dy * dy + dx * dx);
+    const double ri = std::sqrt(dx * dx + dyi * dyi);
+    primary_potential[i] = point ? (1.0 / r + 1.0 / ri) / scale
+                                 : (k0_inline(k * r) + k0_inline(k * ri)) / scale;
   }
   primary_potential[source - 1] = 0.0;
 }
