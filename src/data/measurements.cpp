@@ -111,6 +111,30 @@ int read_line_into_slot(const LineLayout& lay, MeasurementSet* ms, int s,
   return status;
 }
 
+// The two checks that hold in every job: no electrode number twice in one
+// reading, every number in the table. Sets the table rows of slot s.
+void check_electrodes(const ElectrodeTable& table, int c, int s,
+                      MeasurementSet* ms) {
+  const int* e = &ms->electrode_numbers[4 * (size_t)s];
+  if (e[0] == e[1] || e[0] == e[2] || e[0] == e[3] || e[1] == e[2] ||
+      e[1] == e[3] || e[2] == e[3])
+    fatal(CH_LOG, CH_CONSOLE,
+          "' ', 'FATAL: duplication of electrode numbers in quadropole ', I5",
+          {wv_int(c)});
+  int rows[4];
+  for (int j = 0; j < 4; ++j) {
+    rows[j] = find_electrode(table, e[j]);
+    if (rows[j] == 0)
+      fatal(CH_LOG, CH_CONSOLE,
+            "' ', 'FATAL: An electrode in measurement ', I5, ' is not valid '",
+            {wv_int(c)});
+  }
+  ms->elec_m[s] = rows[0];
+  ms->elec_n[s] = rows[1];
+  ms->elec_a[s] = rows[2];
+  ms->elec_b[s] = rows[3];
+}
+
 void warn_short(int c) {
   message(CH_LOG, CH_CONSOLE, "' ', 'WARNING:  Rejecting reading ', I4",
           {wv_int(c)});
@@ -142,24 +166,7 @@ void read_measurements(const RunContext& ctx, const MeshModel& mesh,
       }
       ms->data_weight[n] = sigma;
     }
-    const int* e = &ms->electrode_numbers[4 * (size_t)n];
-    if (e[0] == e[1] || e[0] == e[2] || e[0] == e[3] || e[1] == e[2] ||
-        e[1] == e[3] || e[2] == e[3])
-      fatal(CH_LOG, CH_CONSOLE,
-            "' ', 'FATAL: duplication of electrode numbers in quadropole ', I5",
-            {wv_int(c)});
-    int rows[4];
-    for (int j = 0; j < 4; ++j) {
-      rows[j] = find_electrode(table, e[j]);
-      if (rows[j] == 0)
-        fatal(CH_LOG, CH_CONSOLE,
-              "' ', 'FATAL: An electrode in measurement ', I5, ' is not valid '",
-              {wv_int(c)});
-    }
-    ms->elec_m[n] = rows[0];
-    ms->elec_n[n] = rows[1];
-    ms->elec_a[n] = rows[2];
-    ms->elec_b[n] = rows[3];
+    check_electrodes(table, c, n, ms);
     if (!lay.inverse) {
       ++n;
       continue;
@@ -172,15 +179,15 @@ void read_measurements(const RunContext& ctx, const MeshModel& mesh,
       ++n;
       continue;
     }
-    double k = geometric_factor(mesh, table, rows[0], rows[1], rows[2], rows[3],
-                                ctx.flux_type);
+    double k = geometric_factor(mesh, table, ms->elec_m[n], ms->elec_n[n],
+                                ms->elec_a[n], ms->elec_b[n], ctx.flux_type);
     double rho = k * value;
     if (rho > ctx.rho_max || rho < ctx.rho_min) {
       tio_write(CH_LOG,
                 "' ', 'WARNING:  Rejecting reading ', I4, ' P+', I4, ' P-', I4,"
                 " ' C+', I4, ' C-', I4, ' App Res ', F12.2",
-                {wv_int(c), wv_int(rows[0]), wv_int(rows[1]), wv_int(rows[2]),
-                 wv_int(rows[3]), wv_real(rho)});
+                {wv_int(c), wv_int(ms->elec_m[n]), wv_int(ms->elec_n[n]),
+                 wv_int(ms->elec_a[n]), wv_int(ms->elec_b[n]), wv_real(rho)});
       continue;
     }
     if (rho > 0.0) {

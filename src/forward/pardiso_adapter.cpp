@@ -79,6 +79,57 @@ void stage_failed(const char* stage_form, int error) {
   pardiso_report(error);
 }
 
+
+// Right-hand side of the secondary problem A(s) v_s = -(A(s) - A(sigma_0)) v_p,
+// element by element with the unpenalised element matrices of wavenumber k.
+//   primary_potential  in: N doubles, v_p of the present source
+//   right_hand_side    in/out: N doubles, zero on entry
+void secondary_right_hand_side(const MeshModel& mesh, int p,
+                               const double* log_conductivity, double k,
+                               double sigma_0, const double* primary_potential,
+                               ConductanceMatrix* cm, double* right_hand_side) {
+  const std::size_t pp = static_cast<std::size_t>(p) * p;
+  const double* store = element_matrices(mesh, p, k, cm);
+  const int* en = mesh.element_nodes.data();
+  for (int e = 0; e < mesh.num_elements; ++e) {
+    const double s = std::exp(log_conductivity[e]);
+    const double* a = store + pp * e;
+    const int* nodes = en + 4 * e;
+    const double contrast = s - sigma_0;
+    for (int i = 0; i < p; ++i) {
+      double sum = 0.0;
+      for (int j = 0; j < p; ++j) {
+        sum += a[i * p + j] * contrast * primary_potential[nodes[j] - 1];
+      }
+      right_hand_side[nodes[i] - 1] -= sum;
+    }
+  }
+}
+
+// Phases 11 and 22 on a fresh handle and permutation, with the control words
+// built anew; a failure is reported with its stage record. Returns PARDISO's
+// error value.
+int reorder_and_factorise(int n, ConductanceMatrix* cm, SolverStageRecord* rec) {
+  int dummy_int = 0;
+  double dummy_double = 0.0;
+  for (int t = 0; t < 64; ++t) pardiso_handle[t] = nullptr;
+  int* perm = cm->matrix_permutation.data();
+  for (int i = 0; i < n; ++i) perm[i] = 0;
+  build_control();
+  double t0 = rec ? stage_clock() : 0.0;
+  int error = call_pardiso(11, n, cm, &dummy_int, &dummy_double, &dummy_double);
+  if (rec) rec->reordering += stage_clock() - t0;
+  if (error != 0) {
+    stage_failed("1X, 'Reordering completed'", error);
+    return error;
+  }
+  if (rec) t0 = stage_clock();
+  error = call_pardiso(22, n, cm, perm, &dummy_double, &dummy_double);
+  if (rec) rec->factorisation += stage_clock() - t0;
+  if (error != 0) stage_failed("1X, 'Factorisation completed'", error);
+  return error;
+}
+
 }  // namespace
 
 SolverStageLog solver_stage_log;
@@ -140,53 +191,20 @@ void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
   if (!reuse) {
     assemble_matrix(mesh, p, log_conductivity, k, cm);
     if (rec) rec->assembly += stage_clock() - t0;
-    timer("for0");
-    for (int t = 0; t < 64; ++t) pardiso_handle[t] = nullptr;
-    int* perm = cm->matrix_permutation.data();
-    for (int i = 0; i < n; ++i) perm[i] = 0;
-    build_control();
-    if (rec) t0 = stage_clock();
-    *error = call_pardiso(11, n, cm, &dummy_int, &dummy_double, &dummy_double);
-    if (rec) rec->reordering += stage_clock() - t0;
-    if (*error != 0) {
-      stage_failed("1X, 'Reordering completed'", *error);
-      return;
-    }
-    if (rec) t0 = stage_clock();
-    *error = call_pardiso(22, n, cm, perm, &dummy_double, &dummy_double);
-    if (rec) rec->factorisation += stage_clock() - t0;
-    if (*error != 0) {
-      stage_failed("1X, 'Factorisation completed'", *error);
-      return;
-    }
-  } else {
-    timer("for0");
+  }
+  timer("for0");
+  // With reuse the factors of the present wavenumber serve as they stand.
+  if (!reuse) {
+    *error = reorder_and_factorise(n, cm, rec);
+    if (*error != 0) return;
   }
 
   if (rec) t0 = stage_clock();
-  if (!singularity_removal) {
+  if (!singularity_removal)
     right_hand_side[source - 1] = 1.0;
-  } else {
-    // Secondary problem A(s) v_s = -(A(s) - A(sigma_0)) v_p, element by
-    // element with the unpenalised element matrices of this wavenumber.
-    const std::size_t pp = static_cast<std::size_t>(p) * p;
-    const double* store = element_matrices(mesh, p, k, cm);
-    const int* en = mesh.element_nodes.data();
-    for (int e = 0; e < mesh.num_elements; ++e) {
-      const double s = std::exp(log_conductivity[e]);
-      const double* a = store + pp * e;
-      const int* nodes = en + 4 * e;
-      const double contrast = s - sigma_0;
-      for (int i = 0; i < p; ++i) {
-        double sum = 0.0;
-        for (int j = 0; j < p; ++j) {
-          sum += a[i * p + j] * contrast * primary_potential[nodes[j] - 1];
-        }
-        right_hand_side[nodes[i] - 1] -= sum;
-      }
-    }
-  }
-
+  else
+    secondary_right_hand_side(mesh, p, log_conductivity, k, sigma_0,
+                              primary_potential, cm, right_hand_side);
   if (rec) {
     rec->right_hand_side += stage_clock() - t0;
     t0 = stage_clock();

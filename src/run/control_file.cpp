@@ -99,34 +99,8 @@ static void read_block_weights(RunContext* ctx, bool blocked) {
   }
 }
 
-void read_inverse_settings(RunContext* ctx) {
-  ctx->difference_reg = false;
-  tio_read(CH_CONTROL, READ_PLAIN,
-           {rd_int(&ctx->inverse_type), rd_real(&ctx->target_decrease)});
-  if (ctx->inverse_type < 0 || ctx->inverse_type > 4)
-    fatal(CH_LOG, CH_CONSOLE,
-          "1X, 'FATAL: Incorrect inverse type - must be 0/1/2/3/4'");
-  write_inverse_type_banner(ctx->inverse_type);
-  ctx->regularised = ctx->inverse_type == 1 || ctx->inverse_type == 2 ||
-                     ctx->inverse_type == 4;
-  ctx->quadratic_filter = ctx->inverse_type == 2;
-  ctx->qualitative = ctx->inverse_type == 3;
-
-  if (ctx->qualitative) {
-    tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&ctx->qualitative_mode)});
-    tio_read(CH_CONTROL, READ_PLAIN,
-             {rd_real(&ctx->rho_min), rd_real(&ctx->rho_max)});
-    ctx->qualitative_flag = ctx->qualitative_mode == 1;
-    ctx->a_wgt = 0.0;
-    ctx->b_wgt = 1.0;
-    ctx->data_type = 0;
-    ctx->log_data = false;
-    ctx->reg_mode = 0;
-    ctx->joint_reg = false;
-    read_block_weights(ctx, false);
-    return;
-  }
-
+// Record 8c: data_type and reg_mode with their checks, flags and banners.
+static void read_data_and_regularisation(RunContext* ctx) {
   tio_read(CH_CONTROL, READ_PLAIN,
            {rd_int(&ctx->data_type), rd_int(&ctx->reg_mode)});
   // Difference regularisation is a true-data inversion whatever the file says.
@@ -155,10 +129,11 @@ void read_inverse_settings(RunContext* ctx) {
             "1X, '>> D i f f e r e n c e    R e g u l a r i s a t i o n <<'");
   ctx->joint_reg = ctx->reg_mode == 1;
   ctx->difference_reg = ctx->reg_mode == 2;
-  ctx->alpha_max = 1.0e11;
-  ctx->alpha_trials = 10;
-  ctx->scale_exponent = 0.0;
+}
 
+// Record 8d: tolerance, iteration limit, weight update, anisotropy and, for
+// joint regularisation, its weight; the tolerance warning and the checks.
+static void read_iteration_settings(RunContext* ctx) {
   ctx->joint_weight = 0.0;
   if (ctx->reg_mode == 1)
     tio_read(CH_CONTROL, READ_PLAIN,
@@ -184,7 +159,42 @@ void read_inverse_settings(RunContext* ctx) {
   else
     message(CH_LOG, CH_CONSOLE,
             "1X, '>> D a t a   w e i g h t s   w i l l   n o t   b e   m o d i f i e d <<'");
+}
 
+void read_inverse_settings(RunContext* ctx) {
+  ctx->difference_reg = false;
+  tio_read(CH_CONTROL, READ_PLAIN,
+           {rd_int(&ctx->inverse_type), rd_real(&ctx->target_decrease)});
+  if (ctx->inverse_type < 0 || ctx->inverse_type > 4)
+    fatal(CH_LOG, CH_CONSOLE,
+          "1X, 'FATAL: Incorrect inverse type - must be 0/1/2/3/4'");
+  write_inverse_type_banner(ctx->inverse_type);
+  ctx->regularised = ctx->inverse_type == 1 || ctx->inverse_type == 2 ||
+                     ctx->inverse_type == 4;
+  ctx->quadratic_filter = ctx->inverse_type == 2;
+  ctx->qualitative = ctx->inverse_type == 3;
+
+  if (ctx->qualitative) {
+    tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&ctx->qualitative_mode)});
+    tio_read(CH_CONTROL, READ_PLAIN,
+             {rd_real(&ctx->rho_min), rd_real(&ctx->rho_max)});
+    ctx->qualitative_flag = ctx->qualitative_mode == 1;
+    ctx->a_wgt = 0.0;
+    ctx->b_wgt = 1.0;
+    ctx->data_type = 0;
+    ctx->log_data = false;
+    ctx->reg_mode = 0;
+    ctx->joint_reg = false;
+    read_block_weights(ctx, false);
+    return;
+  }
+
+  read_data_and_regularisation(ctx);
+  ctx->alpha_max = 1.0e11;
+  ctx->alpha_trials = 10;
+  ctx->scale_exponent = 0.0;
+
+  read_iteration_settings(ctx);
   tio_read(CH_CONTROL, READ_PLAIN,
            {rd_real(&ctx->a_wgt), rd_real(&ctx->b_wgt), rd_real(&ctx->rho_min),
             rd_real(&ctx->rho_max)});
