@@ -63,3 +63,37 @@ TEST(ElementEquations, ExactValuesOrientationAndAssemblyAgainstDense) {
     }
   }
 }
+
+// The pinned node of a triangle mesh, against the rule written out: node
+// number of an electrode less a coordinate, truncated, used as a node number
+// (a coordinate of 0 outside 1..N); the first node with the largest sum.
+TEST(PinnedNode, DistanceLikeSumAndItsEdges) {
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> c(-8.0, 14.0);
+  for (int round = 0; round < 20; ++round) {
+    const int n = 12;
+    MeshModel mesh{n, 0, {}, {}, {1}, {}, {}};
+    for (int i = 0; i < 2 * n; ++i)  // every fifth round all zero: no sum above 0
+      (i < n ? mesh.node_x : mesh.node_y).push_back(round % 5 ? c(rng) : 0.0);
+    const ElectrodeTable t{3, {2 + round % 9, 5, 11}, {1, 2, 3}};
+    auto coord = [&](const std::vector<double>& v, double q) {
+      const double m = std::trunc(q);
+      return m >= 1 && m <= n ? v[(int)m - 1] : 0.0;
+    };
+    int want = 1;
+    double best = 0.0;
+    for (int i = 1; i <= n; ++i) {
+      double sum = 0.0;
+      for (int e : t.electrode_nodes) {
+        const double x = coord(mesh.node_x, e - mesh.node_x[i - 1]);
+        const double y = coord(mesh.node_y, e - mesh.node_y[i - 1]);
+        sum = sum + std::sqrt(x * x + y * y);
+      }
+      if (sum > best) best = sum, want = i;
+    }
+    choose_pinned_node(3, t, &mesh);
+    for (int i = 1; i <= n; ++i) EXPECT_EQ(mesh.pin_flags[i - 1], i == want ? 1 : 0) << round;
+    choose_pinned_node(4, t, &mesh);  // a grid pins node 1
+    EXPECT_EQ(mesh.pin_flags[0], 1);
+  }
+}

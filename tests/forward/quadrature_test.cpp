@@ -45,3 +45,21 @@ TEST(Quadrature, RulesCountAndPointSourceTransform) {
     }
   }
 }
+
+// Smallest and largest current-to-potential distance; the pairs a-b and m-n
+// do not count, and the start values cap the smallest at sqrt(1e11).
+TEST(Quadrature, MeasurementSpacingTakesOnlyCurrentToPotentialPairs) {
+  MeshModel mesh{5, 0, {0, 0.5, 3, 7, 20}, {0, 0, 0, 4, 0}, {1}, {}, {}};
+  const ElectrodeTable t{5, {1, 2, 3, 4, 5}, {1, 2, 3, 4, 5}};
+  // P+ 3, P- 4, C+ 1, C- 2: a-m 3, a-n sqrt(65), b-m 2.5, b-n sqrt(58.25);
+  // a-b (0.5) and m-n (5.66) are left out.
+  MeasurementSet ms{2, 1, {}, {3}, {4}, {1}, {2}, {}, {}, {}};
+  double lo = 0, hi = 0;
+  measurement_spacing(mesh, t, ms, &lo, &hi);
+  EXPECT_EQ(lo, 2.5);
+  EXPECT_EQ(hi, std::sqrt(65.0));
+  ms.num_measurements = 0;
+  measurement_spacing(mesh, t, ms, &lo, &hi);
+  EXPECT_EQ(lo, std::sqrt(1e11));
+  EXPECT_TRUE(std::isnan(hi));
+}
