@@ -118,6 +118,22 @@ TEST(RunSpine, StopsWriteTheirWordsOnTheirStreams) {
       // A count of 0 is the end of the data; later blocks are not read.
       {forward_control("0 4 2.0 0 0"), "0\n1 1 2 3 4\n",
        {" End of data:  Terminating", "All ok"}, "     Average time taken in call:                      0.0 s"},
+      // Start model, patching, polyline and electrode checks of the mesh records.
+      {"R\n0 4 2.0 0 0\n5 3\n0 1 2 3 4\n0 0 0 0 0\n0 1 2\n1\n1 9 100.0\n" + kElectrodes, "",
+       {" FATAL: defining regions - elem2 must be in range 1:number of elements ", kFatal},
+       " FATAL: defining regions - elem2 must be in range 1:number of elements "},
+      {"R\n0 4 2.0 0 0\n5 3\n0 1 2 3 4\n0 0 0 0 0\n0 1 2\n1\n1 8 0.0\n" + kElectrodes, "",
+       {" FATAL: defining regions - resistivity must be > 0", kFatal},
+       " FATAL: defining regions - resistivity must be > 0"},
+      {"P\n1 4 2.0 0 0\n" + kGrid + "3 1\n", "",
+       {" Error: Patch size of     3 not valid in X", kFatal},
+       " Error: Patch size of     3 not valid in X"},
+      {"Open\n0 4 2.0 0 0\n" + kGrid + "2\n0 0\n1 1\n", "",
+       {" FATAL:  Error in polyline - the first and last pair must be identical", kFatal},
+       " FATAL:  Error in polyline - the first and last pair must be identical"},
+      {"Col\n0 4 2.0 0 0\n" + kGrid + "0\n2\n1 1 1\n7 6 1\n", "",
+       {" >> Generating index array for finite element conductance matrix", kFatal},
+       " FATAL:  column number too large for electrode    2"},
       // Counts too large for the machine stop with words, not a crash.
       {"Huge grid\n0 4 2.0 0 0\n40000 40000\n", "",
        {" FATAL: not enough memory for the mesh", kFatal},
