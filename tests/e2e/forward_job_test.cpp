@@ -4,16 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "e2e_util.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
 
 // A 9 x 5 grid with two resistivities and six surface electrodes.
 std::string small_forward_control(const char* flux, const char* singular) {
@@ -52,9 +47,7 @@ TEST(ForwardJob, TwoDimensionalFlowWritesResultsOfTheFirstBlockOnly) {
              "4\n1 12 13 11 14\n2 13 15 12 16\n3 11 14 12 13\n4 12 16 13 15\n"
              "2\n1 11 12 13 14\n2 11 12 13 14\n");
   RunResult r = run_q5_in(dir);
-  EXPECT_EQ(r.exit_status, 0);
-  ASSERT_FALSE(r.console.empty());
-  EXPECT_EQ(r.console.back(), "All ok");
+  ASSERT_EQ(r.console.back(), "All ok");
   int at = find_line(r.console, " Measurements read:     4     Measurements rejected:     0");
   ASSERT_NE(at, -1);
   EXPECT_EQ(r.console[at + 1], "");
@@ -73,7 +66,6 @@ TEST(ForwardJob, TwoDimensionalFlowWritesResultsOfTheFirstBlockOnly) {
     EXPECT_EQ(out[i + 1].size(), 5u + 28u + 20u + 15u);
     // K is 1 for two-dimensional flow: the columns repeat the value.
     EXPECT_NEAR(f[i].apparent, f[i].resistance, 0.5e-5 + 1e-9 * std::fabs(f[i].resistance));
-    EXPECT_TRUE(std::isfinite(f[i].resistance));
   }
   // Reciprocity: exchanging the current and potential pairs leaves R.
   EXPECT_NEAR(f[0].resistance, f[2].resistance, 1e-8 * std::fabs(f[0].resistance));
@@ -115,44 +107,26 @@ TEST(ForwardJob, TwentyThousandNodeGridRunsOnTheSequentialSolverLayer) {
   // PARDISO's factorisation under MKL's Intel OpenMP layer crashes on grid
   // matrices of this size here; the sequential layer must carry it.
   const int nx = 150, ny = 140;
-  std::ostringstream s;
+  std::ostringstream s, p;
   s << "Large grid\n0 4 3.0 1 0\n" << nx << " " << ny << "\n";
-  for (int i = 0; i < nx; ++i) s << (i - 51) * 0.5 << (i % 10 == 9 ? "\n" : " ");
-  s << "\n";
-  for (int i = 0; i < nx; ++i) s << "0" << (i % 10 == 9 ? "\n" : " ");
-  s << "\n";
-  double y = 0.0, h = 0.25;
-  for (int j = 0; j < ny; ++j) {
-    s << y << (j % 10 == 9 ? "\n" : " ");
-    y += h;
-    h *= 1.03;
-  }
-  s << "\n1\n1 " << (nx - 1) * (ny - 1) << " 50.0\n0\n48\n";
-  for (int k = 1; k <= 48; ++k) s << k << " " << 52 + 2 * (k - 1) << " 1\n";
-  std::ostringstream p;
-  std::vector<int> a;
-  int count = 0;
-  std::ostringstream lines;
+  for (int i = 0; i < nx; ++i) s << (i - 51) * 0.5 << "\n";
+  for (int i = 0; i < nx; ++i) s << "0\n";
+  for (int j = 0; j < ny; ++j) s << 0.25 * (std::pow(1.03, j) - 1.0) / 0.03 << "\n";
+  s << "1\n1 " << (nx - 1) * (ny - 1) << " 50.0\n0\n48\n";
+  for (int k = 1; k <= 48; ++k) s << k << " " << 50 + 2 * k << " 1\n";
+  int count = 0;  // dipole-dipole, n = 1..4
   for (int n = 1; n <= 4; ++n)
-    for (int c = 1; c + n + 2 <= 48; c += 3) {
-      lines << ++count << " " << c + n + 1 << " " << c + n + 2 << " " << c << " "
-            << c + 1 << "\n";
-    }
-  p << count << "\n" << lines.str();
+    for (int c = 1; c + n + 2 <= 48; c += 3)
+      p << ++count << " " << c + n + 1 << " " << c + n + 2 << " " << c << " " << c + 1 << "\n";
   std::string dir = make_run_dir();
   write_file(dir, "Q5.in", s.str());
-  write_file(dir, "protocol.dat", p.str());
+  write_file(dir, "protocol.dat", std::to_string(count) + "\n" + p.str());
   RunResult r = run_q5_in(dir);
   EXPECT_EQ(r.exit_status, 0) << r.errors;
-  ASSERT_FALSE(r.console.empty());
-  EXPECT_EQ(r.console.back(), "All ok");
+  ASSERT_EQ(r.console.back(), "All ok");
   std::vector<ForwardLine> f = parse_forward(read_lines(dir, "Q5_forward.dat"));
   ASSERT_EQ((int)f.size(), count);
-  for (const ForwardLine& x : f) {
-    // A uniform 50 ohm m ground: every dipole-dipole reading near 50.
-    EXPECT_TRUE(std::isfinite(x.apparent));
-    EXPECT_NEAR(x.apparent, 50.0, 2.5) << x.place;
-  }
+  for (const ForwardLine& x : f) EXPECT_NEAR(x.apparent, 50.0, 2.5) << x.place;  // uniform 50 ohm m
 }
 
 TEST(ForwardJob, TriangleMeshWithStartFileAndPolyline) {
@@ -172,16 +146,13 @@ TEST(ForwardJob, TriangleMeshWithStartFileAndPolyline) {
   // Three electrode numbers, one twice: a duplicate stops the job.
   EXPECT_EQ(r.console.back(), "FATAL error");
   EXPECT_NE(find_line(r.console, " >> Reading start resistivity from start.txt                     "), -1);
-  Lines electrodes = read_lines(dir, "electrodes.dat");
-  Lines expect = {"       0.000       0.000       0.000",
-                  "       2.000       0.000       0.000",
-                  "       4.000       0.000       0.000"};
-  EXPECT_EQ(electrodes, expect);
+  EXPECT_EQ(read_lines(dir, "electrodes.dat"),
+            Lines({"       0.000       0.000       0.000", "       2.000       0.000       0.000",
+                   "       4.000       0.000       0.000"}));
   // Elements 1 and 2 lie inside the polyline; their centres and values.
-  Lines model = read_lines(dir, "forward_model.dat");
-  Lines want = {"    0.13333E+01   -0.66667E+00    0.10000E+02    0.10000E+01",
-                "    0.66667E+00   -0.13333E+01    0.20000E+02    0.13010E+01"};
-  EXPECT_EQ(model, want);
+  EXPECT_EQ(read_lines(dir, "forward_model.dat"),
+            Lines({"    0.13333E+01   -0.66667E+00    0.10000E+02    0.10000E+01",
+                   "    0.66667E+00   -0.13333E+01    0.20000E+02    0.13010E+01"}));
   Lines vtk = read_lines(dir, "forward_model.vtk");
   ASSERT_GE(vtk.size(), 13u);
   EXPECT_EQ(vtk[4], "POINTS          4 double");

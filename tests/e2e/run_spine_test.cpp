@@ -6,7 +6,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
 const char* kFatal = "FATAL error";
 
 // A 5 x 3 grid (x 0..4 m, depths 0, 1, 2 m), 8 elements of 100 ohm m, no
@@ -34,7 +33,7 @@ TEST(RunSpine, ForwardJobWithEmptyProtocolEndsAtEndOfData) {
   RunResult r = run_q5_in(dir);
   EXPECT_EQ(r.exit_status, 0);
   Lines head = opening_lines();
-  head.push_back(title_line("Spine test"));
+  head.push_back(" >> " + std::string("Spine test").append(70, ' '));
   head.push_back(" >> F o r w a r d   S o l u t i o n   S e l e c t e d <<");
   Lines console = head;
   for (const char* l : {" >> Determining storage needed for finite element conductance matrix",
