@@ -2,7 +2,6 @@
 // test, file helpers, the control file, and runs that must end in a stop.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -21,9 +20,7 @@
 // stop inside a test that does not expect one fails the program instead.
 inline bool g_stop_expected = false;
 inline bool g_in_test = false;
-inline const int g_exit_guard = std::atexit([] {
-  if (g_in_test && !g_stop_expected) _exit(1);
-});
+inline const int g_exit_guard = std::atexit([] { if (g_in_test && !g_stop_expected) _exit(1); });
 
 // Each test runs in a directory of its own, so the files of tests never meet.
 class ScratchDirTest : public ::testing::Test {
@@ -53,41 +50,31 @@ inline std::string read_file(const char* name) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// Writes Q5.in and connects the control file and the log as the run does;
-// all channels are closed first, so every file is read afresh.
-inline void open_control(const std::string& text) {
+// Writes Q5.in, connects it and the log afresh as the run does, and reads a
+// mesh of `type` from the control text (type 3: from mesh.dat).
+inline MeshModel load_mesh(RunContext* ctx, int type, const std::string& control) {
   tio_close_all();
-  write_file("Q5.in", text);
+  write_file("Q5.in", control);
   tio_open(CH_CONTROL, "Q5.in");
   tio_open(CH_LOG, "Q5.out");
-}
-
-// Reads a mesh of `type` from the control text (type 3: from mesh.dat).
-inline MeshModel load_mesh(RunContext* ctx, int type, const std::string& text) {
-  open_control(text);
   ctx->mesh_type = type;
   MeshModel mesh{};
   read_mesh(ctx, &mesh);
   return mesh;
 }
 
-// Runs `body` with Q5.in holding `control` in a child that must stop with
-// status 0, then checks the child's log (Q5.out) and console (console.txt):
-// `msg` on the log, on the console too unless log_only, then the stop word.
+// Runs `body` in a child that must stop with status 0, leaving `msg` alone in its log
+// (Q5.out, which opening does not truncate) and console unless log_only, then the stop word.
 template <class Body>
-void expect_stop(const std::string& control, Body body, const std::string& msg,
-                 bool log_only = false) {
+void expect_stop(Body body, const std::string& msg, bool log_only = false) {
   tio_close_all();
   std::remove("Q5.out");
-  EXPECT_EXIT(
-      {
-        g_stop_expected = true;
-        std::fflush(stdout);
-        dup2(open("console.txt", O_CREAT | O_WRONLY | O_TRUNC, 0644), 1);
-        open_control(control);
-        body();
-      },
-      ::testing::ExitedWithCode(0), "");
+  auto child = [&] {
+    g_stop_expected = true;
+    ASSERT_NE(std::freopen("console.txt", "w", stdout), nullptr);
+    body();
+  };
+  EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "");
   EXPECT_EQ(read_file("Q5.out"), msg + "\n");
   EXPECT_EQ(read_file("console.txt"), (log_only ? "" : msg + "\n") + "FATAL error\n");
 }
