@@ -1,5 +1,5 @@
 // Shared by the text-layer tests: a fresh working directory per test, whole
-// files as strings, and what a death-test child needs.
+// files as strings, and runs that end the process.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,8 +21,7 @@ class TextioTest : public ::testing::Test {
   void SetUp() override {
     char tmpl[] = "/tmp/q5_textio_XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    std::filesystem::current_path(dir_);
+    std::filesystem::current_path(dir_ = tmpl);
   }
   void TearDown() override {
     tio_close_all();
@@ -32,9 +31,6 @@ class TextioTest : public ::testing::Test {
   std::string dir_;
   const std::filesystem::path saved_ = std::filesystem::current_path();
 };
-using TextioDeathTest = TextioTest;
-
-constexpr int CH = 40;  // a channel none of the system's files uses
 
 inline std::string read_file(const std::string& name) {
   std::ifstream in(name, std::ios::binary);
@@ -49,11 +45,10 @@ inline void write_file(const std::string& name, const std::string& text) {
 // the child wrote there. The run must end with status 0 (`stop`) or non-zero.
 template <class Body>
 std::string console_of_run(bool stop, Body body) {
-  const auto ended = [stop](int st) { return WIFEXITED(st) && (WEXITSTATUS(st) == 0) == stop; };
   EXPECT_EXIT({
     if (!std::freopen("console.txt", "w", stdout)) std::abort();
     body();
     std::exit(stop ? 3 : 0);
-  }, ended, "");
+  }, [stop](int st) { return WIFEXITED(st) && (WEXITSTATUS(st) == 0) == stop; }, "");
   return read_file("console.txt");
 }
