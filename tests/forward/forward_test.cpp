@@ -1,0 +1,400 @@
+// Forward solver: pattern, element equations, pinned node, wavenumber rules,
+// primary potentials and PARDISO adapter, against literal and dense references.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "data/measurement_set.h"
+#include "forward/forward.h"
+#include "mesh/mesh_model.h"
+#include "textio/textio.h"
+
+static const double eps = 0x1p-52;  // machine epsilon of double
+
+// A stop (status 0) inside a test would pass unseen: fail it. The registry is made first, to outlive this.
+static const int stop_guard = (testing::UnitTest::GetInstance(), std::atexit([] {
+  if (testing::UnitTest::GetInstance()->current_test_info() && !testing::internal::InDeathTestChild())
+    _exit(1);
+}));
+
+// Prefix of this process's scratch files; the child of a death test inherits it.
+static const std::string scratch = "/tmp/q5_fwd_" + std::to_string(getpid()) + "_";
+
+// Text of a scratch file, which is then removed.
+static std::string take_file(const std::string& name) {
+  std::string text{std::istreambuf_iterator<char>(std::ifstream(scratch + name).rdbuf()), {}};
+  unlink((scratch + name).c_str());
+  return text;
+}
+
+static double max_abs(const std::vector<double>& v) {
+  return std::fabs(std::ranges::max(v, {}, [](double x) { return std::fabs(x); }));
+}
+
+// Jittered nx by ny lattice of 3 to 55 ohm m, node numbers shuffled, node 1 pinned: anticlockwise
+// cells (p = 4) or cells cut by a random diagonal (p = 3) with a random zone number in slot four.
+static MeshModel problem(std::mt19937& rng, int p, int nx, int ny, std::vector<double>* lc) {
+  const int n = nx * ny;
+  std::uniform_real_distribution<double> jitter(-0.2, 0.2), log_sigma(-4.0, -1.0);
+  std::vector<int> num(n);
+  for (int t = 0; t < n; ++t) num[t] = t + 1;
+  std::shuffle(num.begin(), num.end(), rng);
+  MeshModel mesh{n, 0, std::vector<double>(n), std::vector<double>(n), {}, {}, std::vector<int>(n, 0)};
+  for (int t = 0; t < n; ++t) {
+    mesh.node_x[num[t] - 1] = t / ny + jitter(rng);
+    mesh.node_y[num[t] - 1] = t % ny + jitter(rng);
+  }
+  std::vector<int>& en = mesh.element_nodes;
+  for (int t = 0; t < n - ny; ++t) {
+    if (t % ny == ny - 1) continue;
+    const int a = num[t], b = num[t + ny], c = num[t + ny + 1], d = num[t + 1], z = 1 + rng() % n;
+    if (p == 4) en.insert(en.end(), {a, b, c, d});
+    else if (rng() % 2) en.insert(en.end(), {a, b, c, z, a, c, d, z});
+    else en.insert(en.end(), {a, b, d, z, b, c, d, z});
+  }
+  mesh.num_elements = static_cast<int>(en.size()) / 4;
+  en.push_back(1);
+  mesh.pin_flags[0] = 1;
+  for (int e = 0; e < mesh.num_elements; ++e) lc->push_back(log_sigma(rng));
+  return mesh;
+}
+
+// The pattern against its passes written out: each node scans all elements for its higher neighbours.
+static void expect_literal_pattern(const MeshModel& mesh, int p) {
+  std::vector<int> row_start, columns;
+  for (int i = 1; i <= mesh.num_nodes; ++i) {
+    std::set<int> higher;
+    for (int e = 0; e < mesh.num_elements; ++e) {
+      const int* en = &mesh.element_nodes[4 * e];
+      for (int s = 0; s < p && std::find(en, en + p, i) != en + p; ++s)
+        if (en[s] > i) higher.insert(en[s]);
+    }
+    row_start.push_back(static_cast<int>(columns.size()) + 1);
+    columns.push_back(i);
+    columns.insert(columns.end(), higher.begin(), higher.end());
+  }
+  row_start.push_back(static_cast<int>(columns.size()) + 1);
+  ConductanceMatrix cm;
+  testing::internal::CaptureStdout();  // the passes' progress lines
+  build_matrix_pattern(mesh, p, &cm);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(cm.num_entries, row_start.back() - 1);
+  EXPECT_EQ(cm.matrix_row_start, row_start);
+  EXPECT_EQ(cm.matrix_columns, columns);
+}
+
+// Triangles about node 1 with `rim` higher neighbours (reversed: about rim + 1, all lower); rim + 2 unused.
+static MeshModel fan(int rim, bool reversed) {
+  MeshModel m{rim + 2, rim - 1, std::vector<double>(rim + 2), std::vector<double>(rim + 2), {}, {}, {}};
+  for (int t = 2 - reversed; t < rim + 1 - reversed; ++t)
+    m.element_nodes.insert(m.element_nodes.end(), {reversed ? rim + 1 : 1, t, t + 1, 1});
+  m.element_nodes.push_back(1);
+  return m;
+}
+
+TEST(MatrixPattern, LiteralScanAndTheLimitOfAHundredHigherNeighbours) {
+  std::mt19937 rng(20240611);
+  std::vector<double> lc;  // not used here
+  for (int round = 0; round < 12; ++round)
+    expect_literal_pattern(problem(rng, 3 + round % 2, 3 + round / 2, 2 + round % 5, &lc), 3 + round % 2);
+  expect_literal_pattern(fan(101, true), 3);  // the limit counts higher neighbours only
+  // Both passes in a child whose console goes to the stderr the death test compares; exits 3 if they return.
+  GTEST_FLAG_SET(death_test_style, "fast");
+  auto passes = [](int rim) {
+    fflush(stdout);
+    dup2(2, 1);
+    tio_open(CH_LOG, (scratch + "Q5.out").c_str());
+    ConductanceMatrix cm;
+    build_matrix_pattern(fan(rim, false), 3, &cm);
+    std::exit(3);
+  };
+  const std::string count = " >> Determining storage needed for finite element conductance matrix\n";
+  EXPECT_EXIT(passes(100), testing::ExitedWithCode(3),
+              testing::Eq(count + " >> Generating index array for finite element conductance matrix\n"));
+  EXPECT_EQ(take_file("Q5.out"), "");
+  // The message on the log only, the stop word on the console.
+  EXPECT_EXIT(passes(101), testing::ExitedWithCode(0), testing::Eq(count + "FATAL error\n"));
+  EXPECT_EQ(take_file("Q5.out"), " FATAL:  Too many connected nodes -  reduce size of mesh or contact "
+                                 "q5-maintainers@q5-resistivity.org\n");
+}
+
+TEST(ElementEquations, ExactValuesAndOrientation) {
+  auto elem = [](std::vector<double> x, std::vector<double> y, double k) {  // corners in this order
+    const int nodes[4] = {1, 2, 3, 4};
+    double ae[25];
+    element_matrix(ae, x.data(), y.data(), nodes, static_cast<int>(x.size()), k);
+    return std::vector<double>(ae, ae + 25);
+  };
+  // Unit square in 2400ths (diagonal, along an edge, opposite corners); right triangle, first row at k = 1.
+  const double square[2][3] = {{1800, -600, -600}, {2071, -479, -529}};
+  const double triangle[2][9] = {{1, -0.5, -0.5, -0.5, 0.5, 0, -0.5, 0, 0.5},
+                                 {8537.0 / 7884, -7235.0 / 15768, -7235.0 / 15768}};
+  for (int k = 0; k <= 1; ++k) {
+    const std::vector<double> a = elem({0, 1, 1, 0}, {0, 0, 1, 1}, k), b = elem({0, 1, 0}, {0, 0, 1}, k);
+    for (int t = 0; t < 16; ++t)  // t % 5 == 0 on the diagonal
+      EXPECT_NEAR(a[t / 4 + 5 * (t % 4)], square[k][t % 5 ? 2 - (t / 4 + t % 4) % 2 : 0] / 2400, 4 * eps);
+    for (int t = 0; t < (k == 0 ? 9 : 3); ++t) EXPECT_NEAR(b[t / 3 + 5 * (t % 3)], triangle[k][t], 8 * eps);
+  }
+  // A skewed quadrilateral far from the origin listed clockwise: the negative matrix, mass term included.
+  const std::vector<double> x = {1e3, 1e3 + 2.1, 1e3 + 1.7, 1e3 - 0.2}, y = {-40, -39.7, -38.1, -38.9};
+  for (double k : {0.0, 0.7}) {
+    const std::vector<double> a = elem(x, y, k), b = elem({x.rbegin(), x.rend()}, {y.rbegin(), y.rend()}, k);
+    const double tol = 64 * eps * 1e3 * max_abs(a);  // coordinates of 1e3 m, cells of 1 m
+    for (int t = 0; t < 16; ++t)
+      EXPECT_NEAR(b[3 - t / 4 + 5 * (3 - t % 4)], -a[t / 4 + 5 * (t % 4)], tol) << k << " " << t;
+  }
+}
+
+// The pinned node of a triangle mesh against the rule written out: node number of an electrode less a
+// coordinate, truncated, used as a node number (coordinate 0 outside 1..N); the first largest sum wins.
+TEST(PinnedNode, DistanceLikeSumAndItsEdges) {
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> c(-8.0, 14.0);
+  const int n = 12;
+  for (int round = 0; round < 20; ++round) {
+    MeshModel m{n, 0, {}, {}, {1}, {}, {}};
+    for (int i = 0; i < 2 * n; ++i)  // every fifth round all zero: no sum above 0
+      (i < n ? m.node_x : m.node_y).push_back(round % 5 ? c(rng) : 0.0);
+    const ElectrodeTable t{3, {2 + round % 9, 5, 11}, {1, 2, 3}};
+    std::vector<double> sum(n + 1, 0.0);  // sum[0]: the start value 0, which stands for node 1
+    for (int i = 1; i <= n; ++i)
+      for (int e : t.electrode_nodes) {
+        const int p = std::trunc(e - m.node_x[i - 1]), q = std::trunc(e - m.node_y[i - 1]);
+        const double x = p >= 1 && p <= n ? m.node_x[p - 1] : 0.0;
+        const double y = q >= 1 && q <= n ? m.node_y[q - 1] : 0.0;
+        sum[i] = sum[i] + std::sqrt(x * x + y * y);
+      }
+    const int want = std::max(1, static_cast<int>(std::ranges::max_element(sum) - sum.begin()));
+    choose_pinned_node(3, t, &m);
+    for (int i = 1; i <= n; ++i) EXPECT_EQ(m.pin_flags[i - 1], i == want ? 1 : 0) << round;
+    choose_pinned_node(4, t, &m);  // a grid pins node 1
+    EXPECT_EQ(m.pin_flags[0], 1);
+  }
+}
+
+TEST(Quadrature, RulesCountAndPointSourceTransform) {
+  const double lag[8] = {0.3225476896193923, 1.7457611011583465, 4.536620296921128, 9.395070912301133,
+                         0.6031541043416339, 0.3574186924378018, 0.0388879085150054, 0.0005392947055613273};
+  double x[20], w[20];
+  laguerre_nodes(x, x + 4, 4, 0.0);  // abscissae, then weights
+  for (int i = 0; i < 8; ++i) EXPECT_NEAR(x[i], lag[i], 8 * eps * lag[i]) << i;
+  // Legendre rules of every size in use integrate x^p, p < 2n, on (0, 1) to a few times Newton's 3e-14.
+  for (int n = 1; n <= 16; ++n) {
+    legendre_nodes(0.0, 1.0, x, w, n);
+    for (int p = 0; p < 2 * n; ++p) {
+      double sum = 0.0;
+      for (int i = 0; i < n; ++i) sum += w[i] * std::pow(x[i], p);
+      EXPECT_NEAR(sum * (p + 1), 1.0, 1e-13) << "n " << n << " power " << p;
+    }
+  }
+  auto rule = [&](double lo, double hi) {  // W; the table goes to wavenumbers x and weights w
+    int count = 0;
+    wavenumber_rule(20, 0, lo, hi, x, w, &count);
+    return count;
+  };
+  EXPECT_EQ(rule(1.0, 1.0), 6);
+  EXPECT_EQ(rule(2.5, 25.0), 10);
+  EXPECT_NEAR(x[6], 0.5 / 2.5 * (1 + lag[0]), 4 * eps);  // the first Laguerre point, k0 (1 + y)
+  EXPECT_EQ(rule(1.0, 1e6), 20);
+  EXPECT_EQ(rule(1.0, std::pow(10.0, (6.0 - 1e-8) / 6.0)), 10);  // g = 6 - 1e-8: 6 through single precision
+  EXPECT_EQ(rule(1.0, std::pow(10.0, (6.0 - 2e-6) / 6.0)), 9);   // g = 6 - 2e-6: 5
+  // (1/pi) integral_0^inf K0(k r) dk = 1/(2 r), within 0.5 percent over the spacings.
+  for (const auto& [lo, hi] : {std::pair{1.0, 5.0}, {0.5, 48.0}, {1.0, 1000.0}, {0.1, 1e5}}) {
+    for (int s = 0, n = rule(lo, hi); s <= 40; ++s) {
+      const double r = lo * std::pow(std::min(hi / lo, 1000.0), s / 40.0);
+      double sum = 0.0;
+      for (int j = 0; j < n; ++j) sum += w[j] * std::cyl_bessel_k(0.0, x[j] * r);
+      EXPECT_NEAR(sum * 2.0 * r, 1.0, 0.005) << lo << " " << hi << " r " << r;
+    }
+  }
+}
+
+// Smallest and largest current-to-potential distance: P+ 3, P- 4, C+ 1, C- 2
+// give a-m 3, a-n sqrt(65), b-m 2.5, b-n sqrt(58.25); a-b and m-n do not count.
+TEST(Quadrature, MeasurementSpacingTakesOnlyCurrentToPotentialPairs) {
+  const MeshModel mesh{5, 0, {0, 0.5, 3, 7, 20}, {0, 0, 0, 4, 0}, {1}, {}, {}};
+  const MeasurementSet ms{2, 1, {}, {3}, {4}, {1}, {2}, {}, {}, {}};
+  double lo = 0, hi = 0;
+  measurement_spacing(mesh, ElectrodeTable{5, {1, 2, 3, 4, 5}, {1, 2, 3, 4, 5}}, ms, &lo, &hi);
+  EXPECT_EQ(lo, 2.5);
+  EXPECT_EQ(hi, std::sqrt(65.0));
+}
+
+TEST(PrimaryPotential, BesselReferenceConductivityAndHalfSpace) {
+  // Bounds of the handbook's 9.8.1, 9.8.2, 9.8.5 (plus I0's error times ln(x / 2)), 9.8.6; I0 takes |x|.
+  for (double x = 1e-4; x < 600.0; x *= 1.01) {
+    const double k0 = std::cyl_bessel_k(0.0, x), i0 = std::cyl_bessel_i(0.0, x);
+    const double k0_err = std::fabs(bessel_k0(x) - k0), i0_err = std::fabs(bessel_i0(-x) - i0);
+    if (x <= 2.0) EXPECT_LE(k0_err, 1e-8 + std::fabs(std::log(x / 2)) * i0_err + 4 * eps * k0) << x;
+    else EXPECT_LE(k0_err * std::exp(x) * std::sqrt(x), 1.9e-7) << x;
+    EXPECT_LE(i0_err * (x < 3.75 ? 1.0 : std::exp(-x) * std::sqrt(x)), x < 3.75 ? 1.6e-7 : 1.9e-7) << x;
+  }
+  // x = 2.0 takes the small-argument branch: no step from just below it (the other side is 7e-8 off).
+  EXPECT_NEAR(bessel_k0(2.0), bessel_k0(std::nextafter(2.0, 0.0)), 4 * eps * bessel_k0(2.0));
+  // Source and image in y = 0 for k = 0 and k > 0; 4 pi and 2 pi in single precision, 2.8e-8 high.
+  const MeshModel mesh{6, 0, {0.0, 1.0, 2.0, -3.0, 0.5, 0.0}, {0.0, 0.0, 1.5, 4.0, -0.25, 2.0}, {1}, {}, {}};
+  std::vector<double> v(6);
+  for (int s : {0, 2, 5})
+    for (double k : {0.0, 1e-4, 0.3, 2.0, 45.0}) {
+      fill_primary_potential(mesh, s + 1, k, 0.037, v.data());
+      for (int i = 0; i < 6; ++i) {
+        const double dx = mesh.node_x[i] - mesh.node_x[s], dy = mesh.node_y[i] - mesh.node_y[s];
+        const double r = std::hypot(dx, dy), ri = std::hypot(dx, mesh.node_y[i] + mesh.node_y[s]);
+        const double exact = k == 0.0 ? (1 / r + 1 / ri) / (12.566370964050293 * 0.037)
+                                      : (std::cyl_bessel_k(0.0, k * r) + std::cyl_bessel_k(0.0, k * ri)) /
+                                            (6.2831854820251465 * 0.037);
+        EXPECT_NEAR(v[i], i == s ? 0.0 : exact, i == s ? 0.0 : (k == 0.0 ? 8 * eps : 2e-7) * exact) << i << k;
+      }
+    }
+  // Reference conductivity, areas 2 and 6: equal, or within 1e-6 S/m of the mean, take 0.95 as a float.
+  const MeshModel tri{4, 2, {0, 2, 2, -4}, {0, 0, 2, 2}, {1, 2, 3, 7, 1, 3, 4, 7, 1}, {}, {}};
+  const double cases[3][2] = {{0.01, 0.01}, {1e-7, 5e-8}, {0.01, 0.04}};
+  for (int c = 0; c < 3; ++c) {
+    const double lc[2] = {std::log(cases[c][0]), std::log(cases[c][1])};
+    const double m = std::exp(0.25 * lc[0] + 0.75 * lc[1]);
+    EXPECT_NEAR(reference_conductivity(tri, 3, lc), m * (c < 2 ? 0.949999988079071 : 1.0), 8 * eps * m) << c;
+  }
+  // Two quadrilaterals 1e10 m apart: each weight is T over (1 2 5), (2 3 5), (3 4 5), (4 1 5), 5 the entry
+  // behind its fourth slot (node 1 behind the list); cancellation sets these off the areas by 1e-6.
+  const double fx = 1.2345678901e10, fy = 0.7654321e10, lc[2] = {std::log(0.1), std::log(0.002)};
+  const std::vector<double> x = {0, 0.1, 1.13, 1.21, 0.07, fx, fx + 2.03, fx + 1.98, fx - 0.01};  // 1-based
+  const std::vector<double> y = {0, 0.3, 0.37, 1.29, 1.41, fy + 3.7, fy + 3.71, fy + 5.69, fy + 5.73};
+  const MeshModel quad{8, 2, {x.begin() + 1, x.end()}, {y.begin() + 1, y.end()}, {1, 2, 3, 4, 5, 6, 7, 8, 1},
+                       {}, {}};
+  auto T = [&](int i, int j, int k) {
+    return ((x[j] - x[i]) * (y[k] - y[i]) - (y[i] - y[j]) * (x[i] - x[k])) * 2.0;
+  };
+  const double w[2] = {T(1, 2, 5) + T(2, 3, 5) + T(3, 4, 5) + T(4, 1, 5),
+                       T(5, 6, 1) + T(6, 7, 1) + T(7, 8, 1) + T(8, 5, 1)};
+  const double mean = std::exp((w[0] * lc[0] + w[1] * lc[1]) / (w[0] + w[1]));
+  EXPECT_NEAR(reference_conductivity(quad, 4, lc), mean, 4 * eps * mean);
+}
+
+TEST(PardisoAdapter, ErrorWordsAndAFailingReordering) {
+  tio_open(CH_LOG, (scratch + "Q5.out").c_str());
+  const std::string head = " Error in Pardiso call:  error flag = ";
+  const std::string words =
+      head + "        -2\n Not enough memory for Pardiso call\n" + head +
+      "        -9\n Not enough out of core memory for Pardiso call - Increase out of core memory available "
+      "by typing SET MKL_PARDISO_OOC_MAX_CORE_SIZE = N\n  at the command line, where N is memory available "
+      "in Mb (default is 2000Mb)\n" + head +
+      "       -10\n Problems opening Pardiso out of core memory files - check disk space\n" + head +
+      "       -11\n Read/write problems with Pardiso out of core memory files - check disk area for "
+      "conflicts\n";
+  // No nodes: refused at reordering (-1); stage record and code on the log only; the loop stops, sums 0.
+  const std::string report =
+      head + "        -1\n Error in Pardiso call -report error flag to q5-maintainers@q5-resistivity.org\n";
+  ConductanceMatrix cm{0, {1}, {0}, {0.0}, {0}, {}, {}, NAN};
+  ForwardWork work{{0.0}, {0.0}, {0.0, 0.0}};
+  double ks[2] = {0.1, 0.2}, tr = 5.0;
+  int failed = 0;
+  testing::internal::CaptureStdout();
+  for (int code : {-2, -9, -10, -11}) pardiso_report(code);
+  forward_solve(MeshModel{0, 0, {}, {}, {1}, {}, {}}, 3, &cm, ElectrodeTable{2, {1, 1}, {1, 2}},
+                MeasurementSet{1, 1, {}, {1}, {2}, {1}, {2}, {}, {}, {}}, nullptr, ks, ks, 2, 3.0, false,
+                &work, &tr, &failed);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), words + report);
+  EXPECT_EQ(failed, -1);
+  EXPECT_EQ(tr, 0.0);
+  tio_close(CH_LOG);
+  EXPECT_EQ(take_file("Q5.out"),
+            words + " Reordering completed\n The following error was detected         -1\n" + report);
+}
+
+// Gauss-Jordan elimination without pivoting (a row-major), stable on the positive definite systems here.
+static std::vector<double> dense_solve(std::vector<double> a, std::vector<double> b) {
+  const std::size_t n = b.size();
+  for (std::size_t c = 0; c < n; ++c)
+    for (std::size_t r = 0; r < n; ++r) {
+      const double f = r == c ? 0.0 : a[r * n + c] / a[c * n + c];
+      for (std::size_t t = c; t < n; ++t) a[r * n + t] -= f * a[c * n + t];
+      b[r] -= f * b[c];
+    }
+  for (std::size_t r = 0; r < n; ++r) b[r] /= a[r * n + r];
+  return b;
+}
+
+// Store and position map against the literal rule (element_matrix per element, search of row gi for column
+// gj): the same additions in the same order, so the same bits, also for the secondary right-hand side.
+TEST(ForwardLoop, ElementStoreIsBitIdenticalAndSumsAreTheBrackets) {
+  tio_open(CH_LOG, (scratch + "Q5.out").c_str());
+  std::mt19937 rng(123);
+  const ElectrodeTable table{5, {1, 14, 27, 40, 53}, {1, 2, 3, 4, 5}};
+  const MeasurementSet ms{4, 4, {}, {3, 1, 4, 1}, {4, 2, 1, 2}, {1, 3, 2, 1}, {2, 4, 5, 5}, {}, {}, {}};
+  for (int p = 3; p <= 4; ++p) {
+    std::vector<double> lc;
+    MeshModel mesh = problem(rng, p, 12, 7, &lc);
+    ConductanceMatrix cm;
+    testing::internal::CaptureStdout();  // the passes' progress lines
+    build_matrix_pattern(mesh, p, &cm);
+    testing::internal::GetCapturedStdout();
+    const int n = mesh.num_nodes, source = n / 3;
+    const int* rs = cm.matrix_row_start.data();
+    mesh.pin_flags[n / 2] = 1;
+    std::vector<double> unit(n, 0.0), vp(n), x(n), lib_rhs(n), sums(4);
+    unit[source - 1] = 1.0;
+    for (int i = 0; i < n; ++i) vp[i] = std::sin(0.37 * i);
+    for (double k : {0.8, 0.0, 0.8}) {  // the store follows k, then is reused
+      std::vector<double> values(cm.num_entries, 0.0), rhs(n, 0.0), a(n * n, 0.0);
+      double ae[25];
+      for (int e = 0; e < mesh.num_elements; ++e) {
+        const int* nd = &mesh.element_nodes[4 * e];
+        const double s = std::exp(lc[e]);
+        element_matrix(ae, mesh.node_x.data(), mesh.node_y.data(), nd, p, k);
+        for (int i = 0; i < p; ++i) {
+          double sum = 0.0;
+          for (int j = 0; j < p; ++j) {
+            sum += ae[i + 5 * j] * (s - 0.02) * vp[nd[j] - 1];
+            a[(nd[i] - 1) * n + nd[j] - 1] += s * ae[i + 5 * j];  // dense: every pair where it falls
+            if (i == j) values[rs[nd[i] - 1] - 1] += s * ae[i + 5 * j];
+            for (int r = rs[nd[i] - 1] + 1; nd[i] < nd[j] && r < rs[nd[i]]; ++r)
+              if (cm.matrix_columns[r - 1] == nd[j]) values[r - 1] += s * ae[i + 5 * j];
+          }
+          rhs[nd[i] - 1] -= sum;
+        }
+      }
+      for (int i = 0; i < n; ++i) {
+        values[rs[i] - 1] *= mesh.pin_flags[i] == 1 ? 10000000000.0 : 1.0;
+        a[i * n + i] *= mesh.pin_flags[i] == 1 ? 1e10 : 1.0;
+        const double scale = max_abs({&a[i * n], &a[i * n] + n});
+        for (int r = rs[i]; r < rs[i + 1]; ++r)  // the stored entries as in the dense matrix
+          EXPECT_NEAR(values[r - 1], a[i * n + cm.matrix_columns[r - 1] - 1], 4 * eps * scale) << i + 1;
+      }
+      for (int singular = 1; singular >= 0; --singular) {  // the second call reuses the factors, releases
+        std::fill(lib_rhs.begin(), lib_rhs.end(), 1e30);  // cleared by every call
+        int error = 1;
+        solve_wavenumber(mesh, p, lc.data(), &cm, lib_rhs.data(), vp.data(), x.data(), source, k, 0.02,
+                         singular == 1, singular == 0, singular == 0, &error);
+        ASSERT_EQ(error, 0);
+        EXPECT_EQ(cm.matrix_values, values) << "p " << p << " k " << k;
+        EXPECT_EQ(lib_rhs, singular ? rhs : unit) << "p " << p << " k " << k;
+        std::vector<double> ref = dense_solve(a, lib_rhs);
+        for (int i = 0; i < n; ++i) ref[i] += singular * vp[i];
+        const double tol = 64 * eps * n * 20 * std::max(max_abs(ref), max_abs(vp));  // n times contrast
+        for (int i = 0; i < n; ++i) EXPECT_NEAR(x[i], ref[i], tol) << p << " " << k << " " << singular;
+      }
+    }
+    // Flux 2.0: k = 0 and w = 1, no table read; each sum is the bracket of the columns, in its order.
+    ForwardWork work{std::vector<double>(n), std::vector<double>(n), std::vector<double>(5 * n)};
+    int failed = 1;
+    forward_solve(mesh, p, &cm, table, ms, lc.data(), nullptr, nullptr, 1, 2.0, false, &work, sums.data(),
+                  &failed);
+    ASSERT_EQ(failed, 0);
+    auto v = [&](int c, int e) { return work.potentials[(c - 1) * n + table.electrode_nodes[e - 1] - 1]; };
+    for (int i = 0; i < 4; ++i) {
+      const int a = ms.elec_a[i], b = ms.elec_b[i], m = ms.elec_m[i], o = ms.elec_n[i];
+      EXPECT_EQ(sums[i], ((v(a, m) - v(b, m)) - v(a, o)) + v(b, o)) << i;
+    }
+  }
+  tio_close(CH_LOG);
+  EXPECT_EQ(take_file("Q5.out"), "");  // no stage record on success
+}
