@@ -426,6 +426,20 @@ const char* format_double(char* buf, size_t size, std::string& spill, const char
   return spill.data();
 }
 
+// Starts a numeric field of `len` characters (sign included) in width w (w
+// below 1: the natural width): the leading blanks and the sign. A field too
+// narrow is filled with asterisks instead, and false is returned.
+bool open_field(std::string& o, size_t len, int w, bool neg) {
+  if (w <= 0) w = static_cast<int>(len);
+  if (len > static_cast<size_t>(w)) {
+    put_stars(o, w);
+    return false;
+  }
+  o.append(static_cast<size_t>(w) - len, ' ');
+  if (neg) o += '-';
+  return true;
+}
+
 // Fw.d: rounded to nearest by the C library; the "0" before the point of a
 // value below 1 goes when the width has no room for it. A negative value
 // keeps its sign when it rounds to zero; a negative zero shows none.
@@ -446,13 +460,7 @@ void render_fixed(std::string& o, double v, int w, int d) {
     --n;
     --len;
   }
-  if (w <= 0) w = static_cast<int>(len);
-  if (len > static_cast<size_t>(w)) {
-    put_stars(o, w);
-    return;
-  }
-  o.append(static_cast<size_t>(w) - len, ' ');
-  if (neg) o += '-';
+  if (!open_field(o, len, w, neg)) return;
   o.append(s, n);
 }
 
@@ -499,13 +507,7 @@ void render_exponent(std::string& o, double v, int w, int d) {
     zero = false;
     --len;
   }
-  if (w <= 0) w = static_cast<int>(len);
-  if (len > static_cast<size_t>(w)) {
-    put_stars(o, w);
-    return;
-  }
-  o.append(static_cast<size_t>(w) - len, ' ');
-  if (neg) o += '-';
+  if (!open_field(o, len, w, neg)) return;
   if (zero) o += '0';
   o += '.';
   if (!s) {
