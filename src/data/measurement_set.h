@@ -35,3 +35,15 @@ int find_electrode(const ElectrodeTable& table, int id);
 // 1.0 when flux_type is 2.0. m, n, a, b are 1-based table rows.
 double geometric_factor(const MeshModel& mesh, const ElectrodeTable& table,
                         int m, int n, int a, int b, double flux_type);
+
+// Ignore flag of a measurement: all bits set when it is out of the misfit;
+// only the lowest bit is tested.
+enum : unsigned { MEASUREMENT_IGNORED = 0xFFFFFFFFu };
+
+// RMS misfit sqrt(sum (W e)^2 / (n - ignored)) of calculated data c against
+// observed d, e = d - c (true data) or ln(c / d) (log data). A log-data
+// measurement with c / d < 0 is flagged and counted in *num_ignored here;
+// flagged measurements are passed over.
+//   c, d, W  in: n doubles;  flags  in/out: n words
+double rms(const double* c, const double* d, const double* W, unsigned* flags,
+           int n, int* num_ignored, bool log_data);

@@ -14,6 +14,7 @@
 #include "data/measurement_set.h"
 #include "forward/forward.h"
 #include "forward/forward_output.h"
+#include "inversion/inversion.h"
 #include "mesh/mesh_model.h"
 #include "results/model_files.h"
 #include "run/control_file.h"
@@ -34,6 +35,7 @@ struct RunState {
   ElectrodeTable table;
   ForwardWork work;
   double electrode_spacing;  // largest spacing of adjacent grid electrodes, m
+  RegularisationMatrix regularisation;  // built once before the first dataset
 };
 
 // Flush denormal results to zero and treat denormal inputs as zero (the FTZ
@@ -181,9 +183,19 @@ void open_dataset_files(const RunContext& ctx, const char* stem) {
 [[noreturn]] void inverse_job(RunState* s) {
   const RunContext& ctx = s->ctx;
   s->electrode_spacing = largest_electrode_spacing(*s);
+  if (!ctx.qualitative)
+    build_regularisation(ctx, s->mesh, ctx.mesh_type, s->map.num_parameters,
+                         &s->regularisation);
+  const InverseRun run{&s->ctx,  &s->mesh, &s->cm,
+                       &s->table, &s->map, &s->mask,
+                       &s->regularisation, &s->work,
+                       s->log_conductivity.data()};
   int dataset_number = 0;
   MeasurementSet ms;
   for (;;) {
+    // Every dataset starts again from the start model.
+    scatter_parameters(s->mesh, s->map.start_parameters.data(),
+                       s->log_conductivity.data());
     ++dataset_number;
     message(CH_LOG, CH_CONSOLE, "/ / 1X, 'Processing dataset ', I3 /",
             {wv_int(dataset_number)});
@@ -202,11 +214,7 @@ void open_dataset_files(const RunContext& ctx, const char* stem) {
     double wavenumbers[MAX_WAVENUMBERS] = {0.0};
     double weights[MAX_WAVENUMBERS] = {0.0};
     choose_wavenumbers(s, ms, wavenumbers, weights);
-    // The iteration is the next stage of the program's development: stop
-    // here rather than write results that were not computed.
-    fatal(CH_LOG, CH_CONSOLE,
-          "/ 1X, 'FATAL: the inverse solution is not available in this version"
-          " of Q5 - forward jobs only'");
+    invert_dataset(run, &ms, wavenumbers, weights, s->ctx.num_wavenumbers, stem);
   }
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
 #include "data/measurement_set.h"
 #include "mesh/mesh_model.h"
@@ -42,4 +43,34 @@ TEST(FindElectrode, LastRowWithTheNumberWinsAndMissingIsZero) {
   EXPECT_EQ(find_electrode(t, 4), 0);
   t.num_electrodes = 0;
   EXPECT_EQ(find_electrode(t, 7), 0);
+}
+
+TEST(Misfit, TrueAndLogDataWithTheirIgnoreRules) {
+  // True data: nothing is ever ignored; the sum is (W W e e) over n.
+  std::vector<double> c = {1.0, 2.0, -3.0}, d = {1.5, 1.0, -2.0}, W = {2.0, 0.5, 1.0};
+  std::vector<unsigned> flags(3, 0u);
+  int ignored = 0;
+  double expect = std::sqrt((4.0 * 0.25 + 0.25 * 1.0 + 1.0 * 1.0) / 3.0);
+  EXPECT_DOUBLE_EQ(rms(c.data(), d.data(), W.data(), flags.data(), 3, &ignored, false), expect);
+  EXPECT_EQ(ignored, 0);
+
+  // Log data: a negative ratio is flagged and leaves the divisor; a flagged
+  // measurement stays out; a zero weight stays in the divisor.
+  c = {2.0, -1.0, 3.0, 5.0};
+  d = {1.0, 1.0, 3.0, 1.0};
+  W = {1.0, 1.0, 0.0, 1.0};
+  flags = {0u, 0u, 0u, MEASUREMENT_IGNORED};
+  ignored = 1;
+  double r = rms(c.data(), d.data(), W.data(), flags.data(), 4, &ignored, true);
+  EXPECT_EQ(ignored, 2);
+  EXPECT_EQ(flags[1], MEASUREMENT_IGNORED);
+  EXPECT_DOUBLE_EQ(r, std::sqrt(std::log(2.0) * std::log(2.0) / 2.0));
+  // The misfit itself lets a ratio of exactly 0 through: ln 0 makes it infinite.
+  c = {0.0};
+  d = {1.0};
+  W = {1.0};
+  flags = {0u};
+  ignored = 0;
+  EXPECT_TRUE(std::isinf(rms(c.data(), d.data(), W.data(), flags.data(), 1, &ignored, true)));
+  EXPECT_EQ(ignored, 0);
 }
