@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what Q5 needs to build and test on Debian 12: compiler, CMake,
-# GoogleTest and Intel MKL (for PARDISO) from the non-free component.
+# GoogleTest and Intel MKL (for PARDISO) from the non-free component, and the
+# Python libraries of the companion tools (q5-import, q5-plot, q5-invert).
 # Idempotent: packages already present are left alone.
 set -euo pipefail
 
@@ -9,7 +10,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 export DEBIAN_FRONTEND=noninteractive
-packages=(g++ cmake make pkg-config libgtest-dev libmkl-dev)
+packages=(g++ cmake make pkg-config libgtest-dev libmkl-dev
+          python3 python3-numpy python3-matplotlib python3-meshio python3-pytest)
 
 missing=()
 for p in "${packages[@]}"; do

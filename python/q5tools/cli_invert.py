@@ -1,0 +1,98 @@
+"""q5-invert FILE... -o DIR: import field files, run q5 in DIR, draw the
+pictures and say where they are."""
+import argparse
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+from .cli_import import add_import_options, options
+from .errors import InputError
+from .importer import import_run
+
+PROG = "q5-invert"
+
+
+def find_q5(given=None):
+    """q5 from the option, else beside this command, else on PATH."""
+    if given:
+        if not (os.path.isfile(given) and os.access(given, os.X_OK)):
+            raise InputError(given, "is not an executable q5")
+        return os.path.abspath(given)
+    beside = os.path.join(os.path.dirname(os.path.realpath(sys.argv[0])), "q5")
+    if os.path.isfile(beside) and os.access(beside, os.X_OK):
+        return beside
+    found = shutil.which("q5")
+    if not found:
+        raise InputError("q5", "not found beside q5-invert nor on PATH (give --q5 PATH)")
+    return found
+
+
+def run_q5(q5, run_dir):
+    """Run q5 in run_dir, its console kept in console.txt; returns the lines
+    worth showing. A run that ends in 'FATAL error' raises InputError."""
+    with open(os.path.join(run_dir, "console.txt"), "w") as out:
+        status = subprocess.run([q5], cwd=run_dir, stdout=out, stderr=subprocess.STDOUT,
+                                stdin=subprocess.DEVNULL).returncode
+    lines = open(os.path.join(run_dir, "console.txt"), errors="replace").read().splitlines()
+    last = next((l.strip() for l in reversed(lines) if l.strip()), "")
+    if status != 0 or last != "All ok":
+        why = next((l.strip() for l in lines if "FATAL" in l), last)
+        raise InputError(os.path.join(run_dir, "Q5.out"), f"q5 stopped: {why}")
+    keys = ("Processing dataset", "Final RMS Misfit", "Outputing results", "not converged",
+            "shows solution", "Rejecting")
+    return [l.strip() for l in lines if any(k in l for k in keys)]
+
+
+def main(argv=None):
+    p = argparse.ArgumentParser(prog=PROG, description="Import field files, run q5 and draw the results.")
+    add_import_options(p)
+    p.add_argument("--q5", metavar="PATH", help="the q5 program (default: beside q5-invert, else on PATH)")
+    p.add_argument("--borehole", metavar="FILE", help="borehole log 'x z rho' to draw on the model sections")
+    args = p.parse_args(argv)
+    from .plotting import plot_run
+    opts = options(args)
+    for key in ("q5", "borehole"):
+        opts.pop(key, None)
+    try:
+        q5 = find_q5(args.q5)
+        out = os.path.abspath(args.output)
+        if os.path.exists(out) and os.listdir(out) and not args.force:
+            raise InputError(out, "exists and is not empty (use --force to replace it)")
+        reference_dir = None
+        t0 = time.time()
+        if args.reference:
+            # the reference survey alone, every element written, gives the start model
+            reference_dir = tempfile.mkdtemp(prefix=".q5-reference-", dir=os.path.dirname(out))
+            ref_opts = dict(opts, reference=None, no_polyline=True, start=None)
+            _, lines = import_run([args.reference], reference_dir, ref_opts, force=True)
+            print("\n".join(lines))
+            print(f"running q5 on the reference survey in {out}/reference")
+            print("\n".join(run_q5(q5, reference_dir)))
+            opts["start"] = os.path.join(reference_dir, "f001_res.dat")
+        meta, lines = import_run(args.files, out, opts, force=args.force)
+        if reference_dir:
+            os.rename(reference_dir, os.path.join(out, "reference"))
+            reference_dir = None
+        t1 = time.time()
+        print("\n".join(lines))
+        print(f"running q5 in {out}")
+        print("\n".join(run_q5(q5, out)))
+        t2 = time.time()
+        written = plot_run(out, borehole=args.borehole)
+        if args.reference:
+            written += plot_run(os.path.join(out, "reference"), borehole=args.borehole)
+        t3 = time.time()
+    except InputError as e:
+        print(f"{PROG}: {e}", file=sys.stderr)
+        return 1
+    finally:
+        if reference_dir and os.path.exists(reference_dir):
+            shutil.rmtree(reference_dir, ignore_errors=True)
+    print(f"times: import {t1 - t0:.1f} s, q5 {t2 - t1:.1f} s, pictures {t3 - t2:.1f} s")
+    print("pictures:")
+    for path in written:
+        print(f"  {path}")
+    return 0

@@ -1,0 +1,106 @@
+"""Texts of Q5.in and protocol.dat for a grid and screened readings."""
+from dataclasses import dataclass
+
+import numpy as np
+
+
+@dataclass
+class Settings:
+    forward: bool = False
+    rho_start: float = None          # uniform start (or forward) model, ohm m
+    start_file: str = None           # or a start model file of every element
+    inverse_type: int = 1
+    target_decrease: float = 0.0
+    data_type: int = 1               # 1 log data
+    tolerance: float = 1.0
+    max_iterations: int = 6
+    weight_update: int = 0
+    alpha_aniso: float = 1.0
+    a_wgt: float = 0.0
+    b_wgt: float = 0.03
+    errors_from_file: bool = False
+    rho_min: float = None
+    rho_max: float = None
+    singular: int = 0
+    res_calc: int = 1
+    polyline: bool = True
+    difference: bool = False
+
+
+def _wrap(values, fmt, per_line=8):
+    items = [fmt % v for v in values]
+    return "\n".join(" ".join(items[k:k + per_line]) for k in range(0, len(items), per_line))
+
+
+def _real(v):
+    return f"{v:.6g}"
+
+
+def control_text(title, grid, electrode_ids, s):
+    """Q5.in for a grid run with the given settings."""
+    job = 0 if s.forward else 1
+    out = [title[:80],
+           f"{job} 4 3.0 {s.singular} {0 if s.forward else s.res_calc}"
+           f"        {'forward' if s.forward else 'inverse'} job, grid with surface offsets,"
+           f" point sources, singularity removal {'on' if s.singular else 'off'}",
+           f"{grid.num_x} {grid.num_y}        columns and rows",
+           _wrap(grid.xs, "%.4f"),
+           _wrap(grid.offsets, "%.4f"),
+           _wrap(grid.ys, "%.4f")]
+    if s.start_file:
+        out += ["0        start model from file", s.start_file]
+    else:
+        out += ["1", f"1 {grid.num_elements} {_real(s.rho_start)}        uniform model, ohm m"]
+    if not s.forward:
+        out += ["0 0        parameter blocks listed",
+                f"{len(grid.patch_x)} {len(grid.patch_y)}        blocks along x and y",
+                _wrap([1] + list(grid.patch_x), "%d", 20),
+                _wrap([1] + list(grid.patch_y), "%d", 20),
+                f"{s.inverse_type} {_real(s.target_decrease)}        inverse type, target decrease",
+                f"{s.data_type} {2 if s.difference else 0}        data type, regularisation mode",
+                f"{_real(s.tolerance)} {s.max_iterations} {s.weight_update} {_real(s.alpha_aniso)}"
+                "        tolerance, iterations, weight update, anisotropy",
+                f"{'0 0' if s.errors_from_file else _real(s.a_wgt) + ' ' + _real(s.b_wgt)}"
+                f" {_real(s.rho_min)} {_real(s.rho_max)}"
+                f"        {'errors from protocol.dat' if s.errors_from_file else 'error model'},"
+                " accepted apparent resistivity"]
+    if s.polyline:
+        out.append(f"{len(grid.polyline)}        polyline of the region of interest")
+        out += [f"{px:.4f} {ph:.4f}" for px, ph in grid.polyline]
+    else:
+        out.append("0        no polyline: every element is written")
+    out.append(f"{len(electrode_ids)}        electrodes: id, column, row")
+    out += [f"{e} {c} 1" for e, c in zip(electrode_ids, grid.electrode_columns)]
+    return "\n".join(out) + "\n"
+
+
+def protocol_text(blocks, forward=False):
+    """protocol.dat from blocks of readings. Each block is a dict with arrays
+    a, b, m, n (electrode numbers), r, and optionally ref and err. A line is:
+    number, P+ (m), P- (n), C+ (a), C- (b), then value, reference, error."""
+    out = []
+    for block in blocks:
+        out.append(str(len(block["r"])))
+        for k in range(len(block["r"])):
+            items = [str(k + 1), str(block["m"][k]), str(block["n"][k]),
+                     str(block["a"][k]), str(block["b"][k])]
+            if not forward:
+                items.append(f"{block['r'][k]:.8g}")
+                if block.get("ref") is not None:
+                    items.append(f"{block['ref'][k]:.8g}")
+                if block.get("err") is not None:
+                    items.append(f"{block['err'][k]:.6g}")
+            out.append(" ".join(items))
+    return "\n".join(out) + "\n"
+
+
+def accepted_range(rho):
+    """rho_min and rho_max that keep every reading whose q5 apparent
+    resistivity is rho, with room on both sides."""
+    rho = np.asarray(rho, float)
+    rho = rho[np.isfinite(rho)]
+    if not len(rho):
+        return 0.0, 1.0
+    lo, hi = float(rho.min()), float(rho.max())
+    span = max(abs(lo), abs(hi), 1e-6)
+    return lo - span, hi + span

@@ -1,0 +1,148 @@
+"""The grid of a run (mesh_type 4): columns through every electrode, surface
+offsets that follow the electrodes' elevations, rows fine at the surface, the
+parameter blocks and the polyline of the region of interest.
+
+q5 frame: x is shifted so that the whole grid lies at x >= 0, and heights are
+taken from a datum at the highest electrode, so that every node depth
+(depth below the surface plus the drop of the surface below the datum) is
+>= 0. World x = q5 x - x_shift; world height = q5 height + datum."""
+from dataclasses import dataclass
+
+import numpy as np
+
+DECIMALS = 4  # the grid is written with this many decimals and used as written
+
+
+@dataclass
+class Grid:
+    xs: np.ndarray            # column positions, q5 frame
+    offsets: np.ndarray       # surface offset of each column (height above the datum, <= 0)
+    ys: np.ndarray            # row depths, 0 first
+    x_shift: float
+    datum: float
+    electrode_columns: np.ndarray  # 1-based column of each electrode, in the order given
+    patch_x: list             # block widths along x, cells
+    patch_y: list             # block heights along y, cells
+    fine_rows: int            # rows of one-cell parameters below the surface
+    depth: float              # depth of the region of interest, m
+    polyline: list            # (x, height) points, q5 frame, first == last
+
+    @property
+    def num_x(self):
+        return len(self.xs)
+
+    @property
+    def num_y(self):
+        return len(self.ys)
+
+    @property
+    def num_elements(self):
+        return (self.num_x - 1) * (self.num_y - 1)
+
+    @property
+    def num_parameters(self):
+        return len(self.patch_x) * len(self.patch_y)
+
+    def node_depth(self, column, row=1):
+        """Depth coordinate that q5 gives node (column, row), 1-based."""
+        return self.ys[row - 1] - self.offsets[column - 1]
+
+
+def _groups(count, size):
+    """count cells in blocks of size, the remainder in the last block."""
+    out = [size] * (count // size)
+    if count % size:
+        out.append(count % size)
+    return out
+
+
+def _padding(start, h, growth, reach, direction):
+    out, pos = [], start
+    while abs(pos - start) < reach:
+        h *= growth
+        pos += direction * h
+        out.append(pos)
+    return out
+
+
+def build_grid(x, z, cells=4, growth=1.3, depth=None, boundary=5.0,
+               row_growth=1.1, first_row=None, pad_group=4):
+    """Build the grid for electrodes at x, z (any order). Raises ValueError
+    with the reason for settings or positions it cannot use."""
+    x, z = np.asarray(x, float), np.asarray(z, float)
+    if len(x) < 2:
+        raise ValueError("at least two electrodes are needed")
+    if cells < 1:
+        raise ValueError("cells between electrodes must be at least 1")
+    if growth <= 1 or row_growth < 1:
+        raise ValueError("growth factors must be above 1")
+    order = np.argsort(x, kind="stable")
+    xe, ze = x[order], z[order]
+    gaps = np.diff(xe)
+    if np.any(gaps < 1e-3):
+        k = int(np.argmin(gaps))
+        raise ValueError(f"two electrodes stand at x = {xe[k]:g} m; the grid needs one electrode per column")
+    length = xe[-1] - xe[0]
+    fine = [xe[0] + (xe[k + 1] - xe[k]) * t / cells + (xe[k] - xe[0])
+            for k in range(len(xe) - 1) for t in range(cells)] + [xe[-1]]
+    left = _padding(xe[0], fine[1] - fine[0], growth, boundary * length, -1)
+    right = _padding(xe[-1], fine[-1] - fine[-2], growth, boundary * length, 1)
+    world = np.array(left[::-1] + fine + right)
+    # electrodes sit exactly on their columns
+    columns = len(left) + np.arange(len(xe)) * cells
+    world[columns] = xe
+    x_shift = round(-world[0], DECIMALS)
+    xs = np.round(world + x_shift, DECIMALS)
+
+    datum = float(np.max(z))
+    offsets = np.round(np.interp(world, xe, ze) - datum, DECIMALS)
+    offsets[columns] = np.round(ze - datum, DECIMALS)
+
+    if depth is None:
+        depth = 0.25 * length
+    if depth <= 0:
+        raise ValueError("the depth of investigation must be above 0")
+    h = first_row if first_row else np.min(np.diff(fine)) / 2
+    if h <= 0:
+        raise ValueError("the first row must be thicker than 0")
+    ys, d = [0.0], 0.0
+    while d < depth - 1e-9:
+        d += h
+        ys.append(d)
+        h *= row_growth
+    fine_rows = len(ys) - 1
+    reach = max(boundary * length, depth * 2)
+    while d < reach:
+        h *= growth
+        d += h
+        ys.append(d)
+    ys = np.round(np.array(ys), DECIMALS)
+    depth = float(ys[fine_rows])
+
+    patch_x = _groups(len(left), pad_group)[::-1] + [1] * (len(fine) - 1) + _groups(len(right), pad_group)
+    patch_y = [1] * fine_rows + _groups(len(ys) - 1 - fine_rows, pad_group)
+
+    top = [(xs[c], offsets[c]) for c in columns]
+    bottom = [(px, ph - depth) for px, ph in top[::-1]]
+    polyline = top + bottom + [top[0]]
+
+    electrode_columns = np.empty(len(x), int)
+    electrode_columns[order] = columns + 1
+    return Grid(xs=xs, offsets=offsets, ys=ys, x_shift=x_shift, datum=datum,
+                electrode_columns=electrode_columns, patch_x=patch_x, patch_y=patch_y,
+                fine_rows=fine_rows, depth=depth, polyline=polyline)
+
+
+def q5_geometric_factor(grid, ca, cb, cm, cn):
+    """The flat half-space factor q5 gives a reading between electrodes on
+    columns ca, cb, cm, cn (row 1): straight distances in the grid's depth
+    coordinate and image distances mirrored in its zero line, with q5's
+    constant. Under topography it is only a scale for judging readings."""
+    px = lambda c: grid.xs[np.asarray(c) - 1]
+    py = lambda c: grid.ys[0] - grid.offsets[np.asarray(c) - 1]
+    r = lambda p, q: np.hypot(px(p) - px(q), py(p) - py(q))
+    ri = lambda p, q: np.hypot(px(p) - px(q), py(p) + py(q))
+    with np.errstate(divide="ignore", invalid="ignore"):
+        g = (1 / r(cm, ca) + 1 / ri(cm, ca) - 1 / r(cn, ca) - 1 / ri(cn, ca)
+             - 1 / r(cm, cb) - 1 / ri(cm, cb) + 1 / r(cn, cb) + 1 / ri(cn, cb))
+        return 1 / (g / 12.566370616)
