@@ -252,3 +252,99 @@ TEST(InverseJob, TimeLapseDifferenceShowsTheChangeWhereItWasMade) {
     EXPECT_EQ(model_rows(dir, "f002_diffres.dat").size(), rows.size());
   }
 }
+
+namespace {
+
+// A 12-electrode survey with data of the conductive box.
+struct SmallRun {
+  Survey s;
+  std::string dir;
+  std::vector<double> d;
+};
+
+SmallRun small_run(double noise) {
+  SmallRun r;
+  r.s.electrodes = 12;
+  build_survey(&r.s);
+  r.dir = make_run_dir();
+  r.d = block_data(r.dir, r.s, noise);
+  return r;
+}
+
+RunResult run_inverse(SmallRun* r, const std::string& settings_text, const std::string& protocol,
+                      int res_calc = 0) {
+  write_file(r->dir, "Q5.in", grid_inverse(r->s, settings_text, res_calc));
+  write_file(r->dir, "protocol.dat", protocol);
+  return run_q5_in(r->dir);
+}
+
+}  // namespace
+
+TEST(InverseJob, EndsOfADatasetWithTheirWordsAndFiles) {
+  {  // Errors larger than the misfit of the start model: no model, the run goes on.
+    SmallRun r = small_run(0.03);
+    RunResult out = run_inverse(&r, settings(1, 0.0, 1, 0, 5, 0, 0.9),
+                                inverse_block(r.s, r.d) + inverse_block(r.s, r.d), 2);
+    ASSERT_EQ(out.console.back(), "All ok");
+    Lines log = read_lines(r.dir, "Q5.out");
+    for (const Lines* v : {&out.console, &log}) {
+      int at = find_line(*v, "     FATAL:  Initial RMS shows solution !");
+      ASSERT_NE(at, -1);
+      EXPECT_EQ((*v)[at + 1], "         Your error estimates (a_wgt and b_wgt are too high)");
+      EXPECT_NE(find_line(*v, "     FATAL:  Initial RMS shows solution !", at + 2), -1);
+    }
+    for (const char* f : {"f001_res.dat", "f001_err.dat", "f001_rad.dat", "f002_res.dat"})
+      EXPECT_EQ(read_text(r.dir, f), "") << f;
+  }
+  {  // A target decrease that no trial reaches: the model of the last trial.
+    SmallRun r = small_run(0.2);
+    RunResult out = run_inverse(&r, settings(1, 0.99, 1, 0, 5, 0, 0.01), inverse_block(r.s, r.d));
+    EXPECT_TRUE(has_line(out.console, " Solution failure - Outputing results to file"));
+    EXPECT_EQ(model_rows(r.dir, "f001_res.dat").size(), (size_t)grid_cells(r.s));
+    EXPECT_EQ(read_lines(r.dir, "f001_err.dat").size(), r.s.quads.size() + 1);
+    EXPECT_FALSE(file_exists(r.dir, "f001.001_res.dat"));
+  }
+  {  // The iteration limit: warning on the log first, model and errors written.
+    SmallRun r = small_run(0.05);
+    RunResult out = run_inverse(&r, settings(1, 0.0, 1, 0, 1, 0, 0.01), inverse_block(r.s, r.d), 1);
+    const std::string warning = "     WARNING: Solution not converged in   1 iterations";
+    ASSERT_NE(find_line(out.console, warning), -1);
+    EXPECT_EQ(out.console[find_line(out.console, warning) - 1], "");
+    Lines log = read_lines(r.dir, "Q5.out");
+    EXPECT_NE(find_line(log, warning), -1);
+    EXPECT_EQ(read_lines(r.dir, "f001_err.dat").size(), r.s.quads.size() + 1);
+    EXPECT_EQ(read_text(r.dir, "f001_sen.dat"), "");  // opened, no map without convergence
+    EXPECT_FALSE(has_line(out.console, " Calculating sensitivity map"));
+  }
+  {  // L1 reweighting of a few outliers reaches the tolerance: converged.
+    SmallRun r = small_run(0.02);
+    for (size_t i = 0; i < r.d.size(); i += 9) r.d[i] *= 1.5;
+    RunResult out = run_inverse(&r, settings(1, 0.0, 1, 0, 10, 2, 0.02), inverse_block(r.s, r.d));
+    Lines log = read_lines(r.dir, "Q5.out");
+    int at = find_line(log, "     Attempted to update data weights and caused overshoot");
+    ASSERT_NE(at, -1);
+    EXPECT_EQ(log[at + 1], "     treating as converged");
+    EXPECT_EQ(log[at + 2], "");
+    EXPECT_EQ(log[at + 3], " Solution converged - Outputing results to file");
+    // The table shows the candidate weights: the outliers' weights fell.
+    int changed = 0;
+    for (const std::string& l : read_lines(r.dir, "f001_err.dat")) changed += l.back() == '1';
+    EXPECT_GT(changed, 0);
+  }
+  {  // A reading that is not a number: no step improves, the step shrinks away.
+    SmallRun r = small_run(0.03);
+    std::string block = inverse_block(r.s, r.d);
+    size_t line_end = block.find('\n', block.find('\n') + 1);
+    size_t value_start = block.rfind(' ', line_end) + 1;
+    block.replace(value_start, line_end - value_start, "NaN");
+    RunResult out = run_inverse(&r, settings(1, 0.0, 1, 0, 5, 0, 0.03), block);
+    int at = find_line(out.console, " Step length too small - Outputing results to file");
+    ASSERT_NE(at, -1);
+    // Every trial misfit is NaN: the first is taken, the halvings print nothing.
+    EXPECT_EQ(out.console[at - 1], "     Alpha:      0.000   RMS Misfit:         NaN");
+    EXPECT_FALSE(has_line(out.console, "     Final RMS Misfit:         NaN"));
+    EXPECT_EQ(model_rows(r.dir, "f001_res.dat").size(), (size_t)grid_cells(r.s));
+    // The model written is the one the iteration started from.
+    for (const ModelRow& m : model_rows(r.dir, "f001_res.dat")) EXPECT_EQ(m.rho, 100.0);
+  }
+}
