@@ -348,3 +348,72 @@ TEST(InverseJob, EndsOfADatasetWithTheirWordsAndFiles) {
     for (const ModelRow& m : model_rows(r.dir, "f001_res.dat")) EXPECT_EQ(m.rho, 100.0);
   }
 }
+
+namespace {
+
+// Runs q5_failing_solver, whose solver call number `call` fails with -4.
+RunResult run_failing(const std::string& dir, int call) {
+  std::string cmd = "cd '" + dir + "' && Q5_FAIL_SOLVER_CALL=" + std::to_string(call) + " '" +
+                    Q5_FAILING_SOLVER_BINARY + "' > .console 2> .errors < /dev/null";
+  int rc = std::system(cmd.c_str());
+  return {WIFEXITED(rc) ? WEXITSTATUS(rc) : 128 + WTERMSIG(rc), read_lines(dir, ".console"),
+          read_text(dir, ".errors")};
+}
+
+// A reading that is not a number makes every trial misfit NaN: the search
+// takes its first trial and the step is then halved.
+std::string block_with_nan(const Survey& s, const std::vector<double>& d) {
+  std::string block = inverse_block(s, d);
+  size_t line_end = block.find('\n', block.find('\n') + 1);
+  size_t value_start = block.rfind(' ', line_end) + 1;
+  return block.replace(value_start, line_end - value_start, "NaN");
+}
+
+}  // namespace
+
+TEST(InverseJob, SolverFailuresEndTheDatasetOrTheRun) {
+  // Two-dimensional flow with 12 electrodes: 15 solver calls per solution
+  // (reordering, factorisation, 12 solves, release).
+  SmallRun r = small_run(0.03);
+  write_file(r.dir, "Q5.in", grid_inverse(r.s, settings(1, 0.0, 1, 0, 5, 0, 0.03), 0, "2.0"));
+  write_file(r.dir, "protocol.dat", inverse_block(r.s, r.d) + inverse_block(r.s, r.d));
+  // The first reordering of the first Jacobian fails; the second dataset runs.
+  RunResult out = run_failing(r.dir, 1);
+  ASSERT_EQ(out.console.back(), "All ok");
+  int at = find_line(out.console, " Error in Pardiso call:  error flag =         -4");
+  ASSERT_NE(at, -1);
+  EXPECT_EQ(out.console[at + 2], "");
+  EXPECT_EQ(out.console[at + 3], " Jacobian failure - Outputing results to file");
+  Lines log = read_lines(r.dir, "Q5.out");
+  at = find_line(log, " Reordering completed");
+  ASSERT_NE(at, -1);
+  EXPECT_EQ(log[at + 1], " The following error was detected         -4");
+  EXPECT_NE(find_line(log, " Jacobian failure - Outputing results to file", at), -1);
+  EXPECT_EQ(model_rows(r.dir, "f001_res.dat").size(), (size_t)grid_cells(r.s));
+  EXPECT_EQ(read_text(r.dir, "f001_err.dat"), "");
+  EXPECT_TRUE(has_line(out.console, " Processing dataset   2"));
+  EXPECT_GT(read_lines(r.dir, "f002_err.dat").size(), 1u);
+
+  // The first halving's solution fails: Jacobian and two trials make 45 calls.
+  write_file(r.dir, "protocol.dat", block_with_nan(r.s, r.d));
+  out = run_failing(r.dir, 46);
+  ASSERT_EQ(out.console.back(), "All ok");
+  EXPECT_TRUE(has_line(out.console, " Solution failure - Outputing results to file"));
+  EXPECT_FALSE(has_line(out.console, " Step length too small - Outputing results to file"));
+  // With K = 1 the negative dipole-dipole readings fall below rho_min; the
+  // table has a line for each reading kept.
+  int kept = 0;
+  for (const std::string& l : out.console)
+    if (l.rfind(" Measurements read:", 0) == 0) kept = std::atoi(l.c_str() + 20);
+  EXPECT_GT(kept, 0);
+  EXPECT_EQ(read_lines(r.dir, "f001_err.dat").size(), (size_t)kept + 1);
+
+  // Difference inversion: the background solution fails, and so does the run.
+  write_file(r.dir, "Q5.in", grid_inverse(r.s, settings(1, 0.0, 0, 2, 5, 0, 0.03), 0, "2.0"));
+  write_file(r.dir, "protocol.dat", inverse_block(r.s, r.d, &r.d));
+  out = run_failing(r.dir, 1);
+  ASSERT_GE(out.console.size(), 3u);
+  EXPECT_EQ(out.console[out.console.size() - 2], " Forward solution error using background data - exiting");
+  EXPECT_EQ(out.console.back(), "FATAL error");
+  EXPECT_EQ(out.exit_status, 0);
+}
