@@ -417,3 +417,57 @@ TEST(InverseJob, SolverFailuresEndTheDatasetOrTheRun) {
   EXPECT_EQ(out.console.back(), "FATAL error");
   EXPECT_EQ(out.exit_status, 0);
 }
+
+TEST(InverseJob, EveryInverseTypeRegularisationAndWeightUpdateRunsToAnEnd) {
+  SmallRun r = small_run(0.03);
+  const int npx = ((int)r.s.xs.size() - 1) / 2, npy = ((int)r.s.ys.size() - 1) / 2;
+  std::string labels;  // two block labels: left and right halves uncoupled
+  for (int k = 0; k < npy; ++k) {
+    for (int o = 0; o < npx; ++o) labels += o < npx / 2 ? "1.0 " : "2.0 ";
+    labels += "\n";
+  }
+  struct Case {
+    const char* name;
+    std::string settings;
+    int res_calc;
+  } cases[] = {
+      {"Marquardt", settings(0, 0.0, 1, 0, 6, 0, 0.03), 0},
+      {"quadratic filter", settings(2, 0.0, 1, 0, 6, 0, 0.03), 2},
+      {"blocked filter", settings(4, 0.0, 1, 0, 6, 0, 0.03) + labels, 0},
+      {"joint regularisation, true data", settings(1, 0.0, 0, 1, 6, 0, 0.03), 0},
+      {"clipped weights", settings(1, 0.0, 1, 0, 6, 1, 0.02), 0},
+      {"target decrease", settings(1, 0.5, 1, 0, 6, 0, 0.03), 1},
+  };
+  const std::vector<std::string> ends = {
+      " Solution converged - Outputing results to file", " Solution failure - Outputing results to file",
+      "     WARNING: Solution not converged in   6 iterations",
+      " Step length too small - Outputing results to file"};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RunResult out = run_inverse(&r, c.settings, inverse_block(r.s, r.d), c.res_calc);
+    ASSERT_EQ(out.console.back(), "All ok");
+    int found = 0;
+    for (const std::string& e : ends) found += has_line(out.console, e);
+    EXPECT_EQ(found, 1);
+    double rms = final_rms(out.console);
+    std::printf("%s: final RMS %.2f\n", c.name, rms);
+    EXPECT_LT(rms, 10.0);  // Marquardt damps towards 1 ohm m and fits least
+    EXPECT_EQ(model_rows(r.dir, "f001_res.dat").size(), (size_t)grid_cells(r.s));
+    if (c.res_calc == 2 && has_line(out.console, ends[0])) {
+      EXPECT_EQ(model_rows(r.dir, "f001_rad.dat").size(), (size_t)grid_cells(r.s));
+      EXPECT_TRUE(has_line(out.console, " Calculating resolution matrix"));
+    }
+  }
+
+  // Qualitative: one pass, no misfit; the map's VTK text goes to fort.18.
+  write_file(r.dir, "Q5.in", grid_head(r.s, 1, "3.0", 0, 0) + "1\n1 " +
+                                 std::to_string(grid_cells(r.s)) + " 100.0\n2 2\n3 0.0\n0\n1e-6 1e9\n" +
+                                 grid_electrodes(r.s));
+  std::remove((r.dir + "/f001_err.dat").c_str());
+  RunResult out = run_q5_in(r.dir);
+  ASSERT_EQ(out.console.back(), "All ok");
+  EXPECT_FALSE(has_line(out.console, "   Iteration   1"));
+  EXPECT_FALSE(file_exists(r.dir, "f001_err.dat"));
+  EXPECT_EQ(read_text(r.dir, "fort.18").rfind("# vtk DataFile Version 3.0\n", 0), 0u);
+  EXPECT_EQ(model_rows(r.dir, "f001_res.dat").size(), (size_t)grid_cells(r.s));
+}
