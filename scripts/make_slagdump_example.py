@@ -1,11 +1,17 @@
 #!/usr/bin/env python3
-"""Writes examples/slagdump: a forward job on the electrode positions and
+"""Writes the two runs of examples/slagdump on the electrode positions and
 levelled topography of the BGR slag-dump Wenner profile (38 electrodes, 2 m
-along the ground, 12.4 m relief; shared/fielddata/slagdump/slagdump.ohm) over
-a uniform 1 ohm m ground. Its transfer resistances are 1/K for the real
-geometry, so a measured R times rho / R_computed gives the apparent
-resistivity corrected for topography. The files are committed; this script
-shows how they were made."""
+along the ground, 12.4 m relief; shared/fielddata/slagdump/slagdump.ohm):
+
+- examples/slagdump: the inverse job on the measured resistances (log data,
+  3 % relative error, linear filter, no singularity removal), with the grid
+  shifted so that every column lies at x >= 0;
+- examples/slagdump/forward: a forward job over a uniform 1 ohm m ground,
+  whose transfer resistances are 1/K for the real geometry, so that a
+  measured R times rho / R_computed gives the apparent resistivity
+  corrected for topography.
+
+The files are committed; this script shows how they were made."""
 import os
 import sys
 
@@ -13,7 +19,7 @@ here = os.path.dirname(os.path.abspath(__file__))
 src = sys.argv[1] if len(sys.argv) > 1 else os.path.join(
     here, "..", "..", "shared", "fielddata", "slagdump", "slagdump.ohm")
 out = os.path.join(here, "..", "examples", "slagdump")
-os.makedirs(out, exist_ok=True)
+os.makedirs(os.path.join(out, "forward"), exist_ok=True)
 
 lines = [l.split("#")[0].split() for l in open(src)]
 lines = [l for l in lines if l]
@@ -21,6 +27,7 @@ n_el = int(lines[0][0])
 sensors = [(float(a), float(b)) for a, b in lines[1:1 + n_el]]
 n_data = int(lines[1 + n_el][0])
 data = [tuple(int(v) for v in l[:4]) for l in lines[2 + n_el:2 + n_el + n_data]]
+measured = [float(l[4]) for l in lines[2 + n_el:2 + n_el + n_data]]
 
 # Columns: every electrode and three between neighbours (four cells per
 # spacing), then cells growing by 1.3 to about 300 m beyond either end.
@@ -73,17 +80,57 @@ def wrap(values):
 
 
 first = len(left) + 1
-q5 = ["Slag dump profile 11: topography of the BGR Wenner line, 1 ohm m ground",
-      "0 4 3.0 0 0        forward job, grid with surface offsets, 3-D flow, no singularity removal",
-      f"{nx} {ny}        columns and rows",
-      wrap(xs), wrap(offsets), wrap(ys),
-      f"1\n1 {(nx - 1) * (ny - 1)} 1.0        uniform 1 ohm m",
-      "0        no polyline",
-      f"{n_el}        electrodes: id, column, row"]
-q5 += [f"{k + 1} {first + 4 * k} 1" for k in range(n_el)]
-open(os.path.join(out, "Q5.in"), "w").write("\n".join(q5) + "\n")
-with open(os.path.join(out, "protocol.dat"), "w") as f:
+electrodes = [f"{k + 1} {first + 4 * k} 1" for k in range(n_el)]
+cells = (nx - 1) * (ny - 1)
+
+
+def control(title, job, xs_out, inverse_records):
+    return "\n".join([title, job, f"{nx} {ny}        columns and rows",
+                      wrap(xs_out), wrap(offsets), wrap(ys)] + inverse_records +
+                     ["0        no polyline", f"{n_el}        electrodes: id, column, row"] +
+                     electrodes) + "\n"
+
+
+# Forward job over 1 ohm m.
+open(os.path.join(out, "forward", "Q5.in"), "w").write(control(
+    "Slag dump profile 11: topography of the BGR Wenner line, 1 ohm m ground",
+    "0 4 3.0 0 0        forward job, grid with surface offsets, 3-D flow, no singularity removal",
+    xs, [f"1\n1 {cells} 1.0        uniform 1 ohm m"]))
+with open(os.path.join(out, "forward", "protocol.dat"), "w") as f:
     f.write(f"{len(data)}\n")
     for i, (a, b, m, n) in enumerate(data, 1):
         f.write(f"{i} {m} {n} {a} {b}\n")
-print(nx, ny, nx * ny, len(data))
+
+
+# Inverse job. Parameter blocks: 2 cells (1 m) along the line, the padding
+# in blocks of 4 cells; rows in pairs to 20 m, deeper in threes.
+def blocks(count, size):
+    out_ = [size] * (count // size)
+    if count % size:
+        out_.append(count % size)
+    return out_
+
+
+line_cells = 4 * (n_el - 1)
+bx = blocks(len(left), 4) + blocks(line_cells, 2) + blocks(len(right), 4)
+shallow = sum(1 for y in ys[1:] if y <= 20.0)
+by = blocks(shallow, 2) + blocks(ny - 1 - shallow, 3)
+assert sum(bx) == nx - 1 and sum(by) == ny - 1
+shift = -xs[0]  # the mesh starts at x = 0
+open(os.path.join(out, "Q5.in"), "w").write(control(
+    f"Slag dump profile 11: inversion of the measured resistances, x shifted by {shift:.3f} m",
+    "1 4 3.0 0 1        inverse job, grid with surface offsets, 3-D flow, no singularity removal, sensitivity",
+    [x + shift for x in xs],
+    [f"1\n1 {cells} 10.0        uniform 10 ohm m start",
+     "0 0        parameter blocks listed",
+     f"{len(bx)} {len(by)}",
+     "1 " + wrap(bx), "1 " + wrap(by),
+     "1 0.0        linear filter",
+     "1 0        log data, normal regularisation",
+     "1.0 8 0 1.0        tolerance, iterations, fixed weights, isotropic",
+     "0.0 0.03 0.1 100000        3 % relative error"]))
+with open(os.path.join(out, "protocol.dat"), "w") as f:
+    f.write(f"{len(data)}\n")
+    for i, ((a, b, m, n), r) in enumerate(zip(data, measured), 1):
+        f.write(f"{i} {m} {n} {a} {b} {r:.6g}\n")
+print(nx, ny, nx * ny, len(data), len(bx) * len(by))

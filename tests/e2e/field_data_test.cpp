@@ -1,6 +1,9 @@
-// A forward job on real survey geometry: the electrode positions and
-// levelled topography of the BGR slag-dump Wenner line (examples/slagdump,
-// made from the published survey). Over a uniform 1 ohm m ground each
+// Real survey geometry and data: the electrode positions, levelled
+// topography and measured resistances of the BGR slag-dump Wenner line
+// (examples/slagdump, made from the published survey). A forward job
+// (examples/slagdump/forward) over a uniform 1 ohm m ground, and the inverse
+// job, checked against the range published for the line.
+// Over the uniform ground each
 // computed transfer resistance is 1/K for the real ground surface, so the
 // measured resistances turn into topography-corrected apparent
 // resistivities, which published work puts at roughly 6 to 33 ohm m.
@@ -8,6 +11,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -42,7 +46,7 @@ TEST(FieldData, SlagDumpTopographyCorrectsApparentResistivities) {
   if (measured.empty()) GTEST_SKIP() << "field data not beside the repository";
   std::string dir = make_run_dir();
   for (const char* name : {"Q5.in", "protocol.dat"})
-    write_file(dir, name, read_text(std::string(Q5_SOURCE_DIR) + "/examples/slagdump", name));
+    write_file(dir, name, read_text(std::string(Q5_SOURCE_DIR) + "/examples/slagdump/forward", name));
   RunResult r = run_q5_in(dir);
   ASSERT_EQ(r.console.back(), "All ok");
   std::vector<std::string> out = read_lines(dir, "Q5_forward.dat");
@@ -62,4 +66,43 @@ TEST(FieldData, SlagDumpTopographyCorrectsApparentResistivities) {
               "%.2f ohm m\n", rho.front(), rho[rho.size() / 2], rho.back());
   EXPECT_GT(rho.front(), 5.0);
   EXPECT_LT(rho.back(), 40.0);
+}
+
+TEST(FieldData, SlagDumpInversionConvergesWithinThePublishedRange) {
+  if (std::getenv("Q5_SKIP_SLOW")) GTEST_SKIP() << "slow under the sanitizers";
+  std::string dir = make_run_dir();
+  for (const char* name : {"Q5.in", "protocol.dat"})
+    write_file(dir, name, read_text(std::string(Q5_SOURCE_DIR) + "/examples/slagdump", name));
+  RunResult r = run_q5_in(dir);
+  ASSERT_EQ(r.console.back(), "All ok");
+  EXPECT_NE(find_line(r.console, " Solution converged - Outputing results to file"), -1);
+  int iterations = 0;
+  double rms = 0.0;
+  for (const std::string& l : r.console) {
+    if (l.rfind("   Iteration ", 0) == 0) ++iterations;
+    if (l.rfind("     Final RMS Misfit:", 0) == 0) rms = std::atof(l.c_str() + 22);
+  }
+  EXPECT_LE(rms, 1.1);
+  // Cells under the line, down to 12 m below the ground between electrodes.
+  std::vector<double> ex, ez;
+  for (const std::string& l : read_lines(dir, "electrodes.dat")) {
+    double x, z;
+    if (std::sscanf(l.c_str(), "%lf %lf", &x, &z) == 2) ex.push_back(x), ez.push_back(z);
+  }
+  ASSERT_EQ(ex.size(), 38u);
+  int inside = 0, within = 0;
+  for (const std::string& l : read_lines(dir, "f001_res.dat")) {
+    double x, y, rho;
+    if (std::sscanf(l.c_str(), "%lf %lf %lf", &x, &y, &rho) != 3 || x <= ex.front() || x >= ex.back())
+      continue;
+    size_t k = std::upper_bound(ex.begin(), ex.end(), x) - ex.begin();
+    double surface = ez[k - 1] + (ez[k] - ez[k - 1]) * (x - ex[k - 1]) / (ex[k] - ex[k - 1]);
+    if (y < surface - 12.0) continue;
+    ++inside;
+    within += rho >= 5.0 && rho <= 30.0;
+  }
+  ASSERT_GT(inside, 0);
+  std::printf("[field data] slag dump inversion: %d iterations, RMS %.2f, %.0f %% of %d cells within "
+              "5 to 30 ohm m\n", iterations, rms, 100.0 * within / inside, inside);
+  EXPECT_GT(within, inside * 6 / 10);
 }
