@@ -49,10 +49,13 @@ class Grid:
 
 
 def _groups(count, size):
-    """count cells in blocks of size, the remainder in the last block."""
+    """count cells in blocks of size, the remainder added to the last block."""
     out = [size] * (count // size)
     if count % size:
-        out.append(count % size)
+        if out:
+            out[-1] += count % size
+        else:
+            out.append(count % size)
     return out
 
 

@@ -18,6 +18,7 @@ from .errors import InputError  # noqa: E402
 MODEL_CMAP = "Spectral_r"
 DIVERGING_CMAP = "RdBu_r"
 DPI = 120
+SHADE_DECADES = 3.0  # cells this far below the 95th percentile of sensitivity start to fade
 
 
 def log_norm(values, low=2, high=98):
@@ -76,7 +77,7 @@ def section_figure(model, values, norm, cmap, frame, title, label, shade=None, b
     ax.set_ylim(z0, z1)
     ax.set_aspect("equal")
     ax.set_xlabel("x (m)")
-    ax.set_ylabel("elevation (m)" if frame.datum else "height (m)")
+    ax.set_ylabel("elevation (m)")
     ax.set_title(title)
     ohm_ticks(fig.colorbar(cells, ax=ax, label=label, pad=0.01, fraction=0.03), norm)
     return fig, ax
@@ -171,8 +172,8 @@ def _shade(model, run_dir, stem):
     if sens is None or len(sens) != len(model.polygons):
         return None
     s = np.where(np.isfinite(sens), sens, -np.inf)
-    top = np.max(s[np.isfinite(s)]) if np.isfinite(s).any() else 0
-    return np.clip((top - 2.5 - s) / 1.5, 0, 0.75)
+    top = np.percentile(s[np.isfinite(s)], 95) if np.isfinite(s).any() else 0
+    return np.clip((top - SHADE_DECADES - s) / 1.5, 0, 0.6)
 
 
 def plot_run(run_dir, borehole=None):
