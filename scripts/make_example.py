@@ -73,7 +73,7 @@ def wrap(values, per_line=10):
 
 
 lines = ["Example: 48 electrodes over a conductive and a resistive body",
-         "0 5 3.0 1 0        job_type mesh_type flux_type Singular_type res_calc",
+         "0 5 3.0 0 0        job_type mesh_type flux_type Singular_type res_calc",
          f"{nx} {ny}        num_x num_y",
          wrap(xs)]
 for i in range(nx):
@@ -106,3 +106,43 @@ with open(os.path.join(out, "protocol.dat"), "w") as f:
     for i, (m, nn, a, b) in enumerate(readings, 1):
         f.write(f"{i} {m} {nn} {a} {b}\n")
 print(nx, ny, nx * ny, len(readings))
+
+# The inverse example on the same grid, shifted so that every column lies at
+# x >= 0, from a uniform 100 ohm m start. Parameter blocks: 2 cells (1 m)
+# along the line, the padding in blocks of 5 cells; rows in pairs to 30 m,
+# deeper in threes.
+def blocks(count, size):
+    out_ = [size] * (count // size)
+    if count % size:
+        out_.append(count % size)
+    return out_
+
+
+first = column_of(0.0)
+line_cells = column_of(line_end) - first
+bx = blocks(first - 1, 5) + blocks(line_cells, 2) + blocks(nx - first - line_cells, 5)
+shallow = sum(1 for y in ys[1:] if y <= 30.0)
+by = blocks(shallow, 2) + blocks(ny - 1 - shallow, 3)
+shift = -xs[0]
+inv = ["Example inversion: 48 electrodes over a conductive and a resistive body, "
+       f"x shifted by {shift:g} m",
+       "1 5 3.0 0 0        inverse job, depth lists, 3-D flow, no singularity removal",
+       f"{nx} {ny}        num_x num_y",
+       wrap([x + shift for x in xs])]
+for i in range(nx):
+    inv.append(wrap(ys))
+inv += [f"1\n1 {(nx - 1) * ncell_y} 100.0        uniform start",
+        "0 0        parameter blocks listed",
+        f"{len(bx)} {len(by)}",
+        "1 " + wrap(bx), "1 " + wrap(by),
+        "1 0.0        linear filter",
+        "1 0        log data, normal regularisation",
+        "1.0 8 0 1.0        tolerance, iterations, fixed weights, isotropic",
+        "0.0 0.03 0.1 100000        3 % relative error",
+        "0        no polyline",
+        f"{n_el}        number of electrodes"]
+inv += [f"{k + 1} {first + 4 * k} 1" for k in range(n_el)]
+os.makedirs(os.path.join(out, "..", "inverse"), exist_ok=True)
+with open(os.path.join(out, "..", "inverse", "Q5.in"), "w") as f:
+    f.write("\n".join(inv) + "\n")
+print(len(bx) * len(by), "parameters")
