@@ -15,6 +15,7 @@
 #include "data/measurement_set.h"
 #include "forward/forward.h"
 #include "forward/forward_output.h"
+#include "inverse_bench.h"
 #include "mesh/mesh_model.h"
 #include "results/model_files.h"
 #include "run/control_file.h"
@@ -255,5 +256,6 @@ int main(int argc, char** argv) {
   if (chdir(top.c_str()) != 0) return 1;
   for (const BenchCase& c : cases)
     if (only.empty() || only == c.name) run_case(c);
+  if (only.empty() || only == "inverse") run_inverse_bench();
   return 0;
 }
