@@ -4,8 +4,9 @@
 JOBS ?= 2
 BUILD ?= build
 SAN_BUILD ?= build-san
+PREFIX ?= /usr/local
 
-.PHONY: all deps build test test-release test-sanitize example bench clean
+.PHONY: all deps build test test-release test-sanitize test-install install package example bench clean
 
 all: build
 
@@ -16,7 +17,7 @@ build: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
 	cmake --build $(BUILD) -j $(JOBS)
 
-test: test-release test-sanitize
+test: test-release test-sanitize test-install
 
 test-release: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -28,6 +29,21 @@ test-sanitize: deps
 	cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DQ5_SANITIZE=ON
 	cmake --build $(SAN_BUILD) -j $(JOBS)
 	cd $(SAN_BUILD) && Q5_SKIP_SLOW=1 ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure -j $(JOBS)
+
+# q5 and the companion tools (q5-import, q5-plot, q5-invert) under PREFIX.
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+# A Debian package of the same files, in $(BUILD).
+package: build
+	cd $(BUILD) && cpack -G DEB
+
+# Both of the above, on a scratch prefix, then a check of what they made.
+test-install: build
+	rm -rf scratch/prefix
+	$(MAKE) install PREFIX=$(CURDIR)/scratch/prefix
+	$(MAKE) package
+	bash scripts/check-install.sh $(CURDIR)/scratch/prefix $(BUILD)
 
 example: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
