@@ -29,31 +29,44 @@ inline const double* column(const double* J, int n, int j) {
 constexpr int chunk = 8;
 constexpr int ahead = 64;
 
+// Fetches row i + ahead of each of the B columns; past the end of a column,
+// the same row of its counterpart in the block swept next, `next` doubles
+// away (0: none), so that short columns do not start each block cold.
+// Forced inline: as a call of its own the compiler finds it without effect
+// and drops it.
 template <int B>
-inline void fetch_ahead(const double* const* col, int i, int n) {
-  if (i + ahead >= n) return;
-  for (int b = 0; b < B; ++b) __builtin_prefetch(col[b] + i + ahead);
+[[gnu::always_inline]] inline void fetch_ahead(const double* const* col,
+                                               int i, int n,
+                                               std::ptrdiff_t next) {
+  const int row = i + ahead;
+  if (row < n) {
+    for (int b = 0; b < B; ++b) __builtin_prefetch(col[b] + row);
+  } else if (next != 0 && row - n < n) {
+    for (int b = 0; b < B; ++b) __builtin_prefetch(col[b] + next + (row - n));
+  }
 }
 
 // B adjacent columns starting at J(:, j0), one sum each, term(J(i,j), i)
 // added in ascending i.
 template <int B, class Term>
-void sum_columns(const double* J, int n, int j0, Term term, double* out) {
+void sum_columns(const double* J, int n, int j0, std::ptrdiff_t next,
+                 Term term, double* out) {
   const double* col[B];
   double s[B];
   for (int b = 0; b < B; ++b) {
     col[b] = column(J, n, j0 + b);
     s[b] = 0.0;
   }
-  auto add_row = [&](int i) {
-    for (int b = 0; b < B; ++b) s[b] = s[b] + term(col[b][i], i);
-  };
   int i = 0;
   for (; i + chunk <= n; i += chunk) {
-    fetch_ahead<B>(col, i, n);
-    for (int k = i; k < i + chunk; ++k) add_row(k);
+    fetch_ahead<B>(col, i, n, next);
+    for (int k = i; k < i + chunk; ++k) {
+      for (int b = 0; b < B; ++b) s[b] = s[b] + term(col[b][k], k);
+    }
   }
-  for (; i < n; ++i) add_row(i);
+  for (; i < n; ++i) {
+    for (int b = 0; b < B; ++b) s[b] = s[b] + term(col[b][i], i);
+  }
   for (int b = 0; b < B; ++b) out[j0 + b] = s[b];
 }
 
@@ -63,9 +76,10 @@ void sum_columns(const double* J, int n, int j0, Term term, double* out) {
 template <class Term>
 void column_sums(const double* J, int n, int P, Term term, double* out) {
   const int whole = P - P % block;
-  for (int j = P - 1; j >= whole; --j) sum_columns<1>(J, n, j, term, out);
+  const std::ptrdiff_t next = -static_cast<std::ptrdiff_t>(block) * n;
+  for (int j = P - 1; j >= whole; --j) sum_columns<1>(J, n, j, 0, term, out);
   for (int j = whole - block; j >= 0; j -= block) {
-    sum_columns<block>(J, n, j, term, out);
+    sum_columns<block>(J, n, j, j >= block ? next : 0, term, out);
   }
 }
 
@@ -74,8 +88,8 @@ void column_sums(const double* J, int n, int P, Term term, double* out) {
 // t is restrict so that the compiler may vectorise over i without checking
 // it against every column.
 template <int B>
-void add_columns(const double* J, int n, int k0, const double* p,
-                 const double* D, double* __restrict t) {
+void add_columns(const double* J, int n, int k0, std::ptrdiff_t next,
+                 const double* p, const double* D, double* __restrict t) {
   const double* col[B];
   double pk[B], Dk[B];
   for (int b = 0; b < B; ++b) {
@@ -83,17 +97,20 @@ void add_columns(const double* J, int n, int k0, const double* p,
     pk[b] = p[k0 + b];
     Dk[b] = D[k0 + b];
   }
-  auto add_row = [&](int i) {
+  int i = 0;
+  for (; i + chunk <= n; i += chunk) {
+    fetch_ahead<B>(col, i, n, next);
+    for (int k = i; k < i + chunk; ++k) {
+      double s = t[k];
+      for (int b = 0; b < B; ++b) s = s + (col[b][k] * pk[b]) * Dk[b];
+      t[k] = s;
+    }
+  }
+  for (; i < n; ++i) {
     double s = t[i];
     for (int b = 0; b < B; ++b) s = s + (col[b][i] * pk[b]) * Dk[b];
     t[i] = s;
-  };
-  int i = 0;
-  for (; i + chunk <= n; i += chunk) {
-    fetch_ahead<B>(col, i, n);
-    for (int k = i; k < i + chunk; ++k) add_row(k);
   }
-  for (; i < n; ++i) add_row(i);
 }
 
 // q = D (J^T W^2 J + scale C [+ joint_weight I]) D p, scale_j = c_j alpha
@@ -138,8 +155,11 @@ void scaled_product(const double* J, const double* p, const double* D, int n,
                     int P, double* t) {
   for (int i = 0; i < n; ++i) t[i] = 0.0;
   const int whole = P - P % block;
-  for (int k = 0; k < whole; k += block) add_columns<block>(J, n, k, p, D, t);
-  for (int k = whole; k < P; ++k) add_columns<1>(J, n, k, p, D, t);
+  const std::ptrdiff_t next = static_cast<std::ptrdiff_t>(block) * n;
+  for (int k = 0; k < whole; k += block) {
+    add_columns<block>(J, n, k, k + block < whole ? next : 0, p, D, t);
+  }
+  for (int k = whole; k < P; ++k) add_columns<1>(J, n, k, 0, p, D, t);
 }
 
 double regularisation_row(const RegularisationMatrix& C, int j,
@@ -238,8 +258,6 @@ void inner_solve(const double* J, const double* m, const double* m0,
                  bool difference, bool joint, SolverWork* work, double* dm,
                  double* result, int* failed) {
   timer("sol0");
-  *result = 0.0001;
-  *failed = 0;
   const int P = num_parameters;
   const ScaledOperator op{J, W, &C, c, alpha, joint_weight, joint,
                           num_measurements, P};
@@ -249,7 +267,8 @@ void inner_solve(const double* J, const double* m, const double* m0,
   double* D = work->D.data();
   // Penalty of the present model, v = C(m) or C(m - m0) [+ the pull of the
   // joint term towards m0], so that the update solves for the new model.
-  for (int j = 0; j < P; ++j) p[j] = (difference || joint) ? m[j] - m0[j] : m[j];
+  const bool from_m0 = difference || joint;
+  for (int j = 0; j < P; ++j) p[j] = from_m0 ? m[j] - m0[j] : m[j];
   for (int j = 0; j < P; ++j) {
     v[j] = regularisation_row(C, j, p, nullptr);
     if (joint) v[j] = v[j] + (joint_weight / (c[j] * alpha)) * (m[j] - m0[j]);
@@ -261,6 +280,7 @@ void inner_solve(const double* J, const double* m, const double* m0,
   int steps = 0;
   double ratio = 0.0;
   if (conjugate_gradient(op, work, dm, 0, P, &steps, &ratio)) {
+    *failed = 0;
     *result = static_cast<double>(steps);
   } else {
     *failed = 1;
