@@ -63,6 +63,7 @@ def main(argv=None):
             raise InputError(out, "exists and is not empty (use --force to replace it)")
         reference_dir = None
         t0 = time.time()
+        t_ref = 0.0
         if args.reference:
             # the reference survey alone, every element written, gives the start model
             reference_dir = tempfile.mkdtemp(prefix=".q5-reference-", dir=os.path.dirname(out))
@@ -70,7 +71,9 @@ def main(argv=None):
             _, lines = import_run([args.reference], reference_dir, ref_opts, force=True)
             print("\n".join(lines))
             print(f"running q5 on the reference survey in {out}/reference")
+            t = time.time()
             print("\n".join(run_q5(q5, reference_dir)))
+            t_ref = time.time() - t
             opts["start"] = os.path.join(reference_dir, "f001_res.dat")
         meta, lines = import_run(args.files, out, opts, force=args.force)
         if reference_dir:
@@ -91,7 +94,7 @@ def main(argv=None):
     finally:
         if reference_dir and os.path.exists(reference_dir):
             shutil.rmtree(reference_dir, ignore_errors=True)
-    print(f"times: import {t1 - t0:.1f} s, q5 {t2 - t1:.1f} s, pictures {t3 - t2:.1f} s")
+    print(f"times: import {t1 - t0 - t_ref:.1f} s, q5 {t2 - t1 + t_ref:.1f} s, pictures {t3 - t2:.1f} s")
     print("pictures:")
     for path in written:
         print(f"  {path}")

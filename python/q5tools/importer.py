@@ -50,6 +50,9 @@ def prepare(files, opts):
     forward = bool(opts.get("forward"))
     reference_path = opts.get("reference")
     difference = reference_path is not None
+    if difference and opts.get("res_calc") == 0:
+        raise InputError(reference_path, "--no-sensitivity cannot go with --reference: q5 writes the"
+                         " difference map into the model file only beside the sensitivity map")
     if forward and (difference or len(files) != 1):
         raise InputError(files[0] if files else "-", "--forward takes one field file and no --reference")
     if not files:
@@ -144,8 +147,8 @@ def prepare(files, opts):
         "protocol.dat": control.protocol_text(blocks, forward=forward),
     }
     meta = {
-        "files": [os.path.abspath(p) for p in files],
-        "reference": os.path.abspath(reference_path) if difference else None,
+        "files": list(files),
+        "reference": reference_path,
         "job": "forward" if forward else "inverse",
         "difference": difference,
         "x_shift": g.x_shift, "datum": g.datum, "depth": g.depth,
@@ -155,6 +158,7 @@ def prepare(files, opts):
         "grid": {"columns": g.num_x, "rows": g.num_y, "parameters": g.num_parameters},
         "polyline": settings.polyline,
         "settings": {k: v for k, v in asdict(settings).items()},
+        "options": {k: (START if k == "start" and v else v) for k, v in sorted(opts.items())},
     }
     texts[META] = json.dumps(meta, indent=1) + "\n"
     lines.append(f"grid: {g.num_x} columns x {g.num_y} rows ({g.num_x * g.num_y} nodes), "

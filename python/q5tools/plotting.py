@@ -10,7 +10,7 @@ import numpy as np  # noqa: E402
 from matplotlib.collections import PolyCollection  # noqa: E402
 from matplotlib.colors import LogNorm, Normalize, TwoSlopeNorm  # noqa: E402
 from matplotlib.patches import Rectangle  # noqa: E402
-from matplotlib.ticker import FuncFormatter, LogLocator, NullFormatter  # noqa: E402
+from matplotlib.ticker import FuncFormatter, LogLocator, MaxNLocator, NullFormatter  # noqa: E402
 
 from . import results  # noqa: E402
 from .errors import InputError  # noqa: E402
@@ -149,6 +149,10 @@ def misfit_figure(misfits, tolerance=1.0):
         ax.plot(its, rms, "o-", label=f"dataset {dataset}")
     ax.axhline(tolerance, color="grey", ls="--", lw=1)
     ax.set_yscale("log")
+    ax.yaxis.set_major_locator(LogLocator(subs=(1.0, 2.0, 5.0)))
+    ax.yaxis.set_major_formatter(FuncFormatter(lambda v, _: f"{v:g}"))
+    ax.yaxis.set_minor_formatter(NullFormatter())
+    ax.xaxis.set_major_locator(MaxNLocator(integer=True))
     ax.set_xlabel("iteration")
     ax.set_ylabel("RMS misfit")
     ax.set_title("Misfit per iteration (0: start model)")
@@ -207,18 +211,22 @@ def plot_run(run_dir, borehole=None):
     if not stems:
         raise InputError(run_dir, "holds no model file (fNNN_res.vtk or forward_model.vtk)")
 
-    models = {s: results.read_model(os.path.join(run_dir, f"{s}_res.vtk"), frame) for s in stems}
-    inside = lambda m: _roi(m, frame)
-    rho_all = np.concatenate([m.scalars["Resistivity(Ohm-m)"][inside(m)] for m in models.values()])
+    models, shades = {}, {}
+    for stem in stems:
+        model = results.read_model(os.path.join(run_dir, f"{stem}_res.vtk"), frame)
+        shade = _shade(model, run_dir, stem)
+        keep = _roi(model, frame)  # a run that wrote every element is cut to the region
+        models[stem] = results.Model(model.polygons[keep], {k: v[keep] for k, v in model.scalars.items()})
+        shades[stem] = None if shade is None else shade[keep]
+    rho_all = np.concatenate([m.scalars["Resistivity(Ohm-m)"] for m in models.values()])
     norm = log_norm(rho_all)
-    diffs = [m.scalars["difference(percent)"][inside(m)] for m in models.values()
-             if "difference(percent)" in m.scalars]
+    diffs = [m.scalars["difference(percent)"] for m in models.values() if "difference(percent)" in m.scalars]
     diff_norm = symmetric_norm(np.concatenate(diffs)) if diffs else None
     for stem, model in models.items():
         number = int(stem[1:])
         fig, _ = section_figure(model, model.scalars["Resistivity(Ohm-m)"], norm, MODEL_CMAP, frame,
                                 f"Dataset {number}: resistivity model", "resistivity (ohm m)",
-                                shade=_shade(model, run_dir, stem), borehole=hole)
+                                shade=shades[stem], borehole=hole)
         _save(fig, os.path.join(run_dir, f"{stem}_model.png"), written)
         if "difference(percent)" in model.scalars:
             fig, _ = section_figure(model, model.scalars["difference(percent)"], diff_norm, DIVERGING_CMAP,
@@ -247,4 +255,4 @@ def _roi(model, frame):
     surface = np.interp(c[:, 0], np.sort(frame.electrodes_x),
                         frame.electrodes_z[np.argsort(frame.electrodes_x)])
     depth = frame.depth or 0.25 * (x1 - x0)
-    return (c[:, 0] >= x0) & (c[:, 0] <= x1) & (c[:, 1] >= surface - depth)
+    return (c[:, 0] >= x0) & (c[:, 0] <= x1) & (c[:, 1] >= surface - depth * 1.001)
