@@ -158,28 +158,20 @@ void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
                       bool singularity_removal, bool reuse, bool release,
                       int* error);
 
-// Wavenumber k (1/m) and weight w of term j (0-based): k = 0, w = 1 for
-// two-dimensional flow (flux_type <= 2.0), else the table's entries.
-void wavenumber_term(double flux_type, const double* wavenumbers,
-                     const double* wavenumber_weights, int j, double* k,
-                     double* w);
-
-// Potentials of every electrode's unit source at wavenumber k into
-// work->potentials (column c for electrode c): one assembly and
-// factorisation at the first electrode, one solve per electrode, the factors
-// freed at the last. Returns 0 or the PARDISO error code that stopped it.
-int solve_all_electrodes(const MeshModel& mesh, int nodes_per_element,
-                         ConductanceMatrix* cm, const ElectrodeTable& table,
-                         const double* log_conductivity, double k,
-                         double sigma_0, bool singularity_removal,
-                         ForwardWork* work);
-
-// Adds w times each measurement's potential difference from `potentials`
-// (N * L, one wavenumber) to transfer_resistance (num_measurements, ohm).
-void add_transfer_resistances(const ElectrodeTable& table,
-                              const MeasurementSet& ms, int num_nodes,
-                              const double* potentials, double w,
-                              double* transfer_resistance);
+// Term j (0-based) of the wavenumber sum: the potentials of every
+// electrode's unit source at the term's wavenumber into work->potentials
+// (column c for electrode c; one assembly and factorisation, one solve per
+// electrode), then each measurement's share added to transfer_resistance
+// (num_measurements, ohm). k, w out: the term's wavenumber (1/m) and weight,
+// k = 0 and w = 1 for two-dimensional flow. Returns 0, or the PARDISO error
+// code that stopped it (nothing is added then).
+int forward_term(const MeshModel& mesh, int nodes_per_element,
+                 ConductanceMatrix* cm, const ElectrodeTable& table,
+                 const MeasurementSet& ms, const double* log_conductivity,
+                 const double* wavenumbers, const double* wavenumber_weights,
+                 int j, double flux_type, double sigma_0,
+                 bool singularity_removal, ForwardWork* work,
+                 double* transfer_resistance, double* k, double* w);
 
 // Transfer resistance of every measurement for the model log_conductivity.
 //   transfer_resistance  out: num_measurements doubles, ohm

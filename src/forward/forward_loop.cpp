@@ -7,6 +7,22 @@
 #include "forward/forward.h"
 #include "mesh/mesh_model.h"
 
+namespace {
+
+// k = 0, w = 1 for two-dimensional flow (flux_type <= 2.0), else entry j of
+// the table.
+void wavenumber_term(double flux_type, const double* wavenumbers,
+                     const double* wavenumber_weights, int j, double* k,
+                     double* w) {
+  if (flux_type <= 2.0) {
+    *k = 0.0;  // two-dimensional flow: one plain solve with weight 1
+    *w = 1.0;
+  } else {
+    *k = wavenumbers[j];
+    *w = wavenumber_weights[j];
+  }
+}
+
 // Inputs: mesh, pattern cm (values, permutation and element store are work),
 // electrode table, log_conductivity (E), k (1/m), sigma_0 (S/m, with
 // singularity removal only).
@@ -64,6 +80,25 @@ void add_transfer_resistances(const ElectrodeTable& table,
   }
 }
 
+}  // namespace
+
+int forward_term(const MeshModel& mesh, int nodes_per_element,
+                 ConductanceMatrix* cm, const ElectrodeTable& table,
+                 const MeasurementSet& ms, const double* log_conductivity,
+                 const double* wavenumbers, const double* wavenumber_weights,
+                 int j, double flux_type, double sigma_0,
+                 bool singularity_removal, ForwardWork* work,
+                 double* transfer_resistance, double* k, double* w) {
+  wavenumber_term(flux_type, wavenumbers, wavenumber_weights, j, k, w);
+  int error = solve_all_electrodes(mesh, nodes_per_element, cm, table,
+                                   log_conductivity, *k, sigma_0,
+                                   singularity_removal, work);
+  if (error != 0) return error;
+  add_transfer_resistances(table, ms, mesh.num_nodes, work->potentials.data(),
+                           *w, transfer_resistance);
+  return 0;
+}
+
 // Inputs: mesh, pattern cm (values, permutation and element store are work),
 // electrode table, measurement set ms, log_conductivity (E), wavenumbers and
 // wavenumber_weights (num_wavenumbers, 1/m and dimensionless), flux_type,
@@ -88,27 +123,14 @@ void forward_solve(const MeshModel& mesh, int nodes_per_element,
   }
   for (int j = 0; j < num_wavenumbers; ++j) {
     double k, w;
-    wavenumber_term(flux_type, wavenumbers, wavenumber_weights, j, &k, &w);
-    int error = solve_all_electrodes(mesh, nodes_per_element, cm, table,
-                                     log_conductivity, k, sigma_0,
-                                     singularity_removal, work);
+    int error = forward_term(mesh, nodes_per_element, cm, table, ms,
+                             log_conductivity, wavenumbers, wavenumber_weights,
+                             j, flux_type, sigma_0, singularity_removal, work,
+                             transfer_resistance, &k, &w);
     if (error != 0) {
       *forward_failed = error;
       return;
     }
-    add_transfer_resistances(table, ms, mesh.num_nodes, work->potentials.data(),
-                             w, transfer_resistance);
   }
 }
 
-void wavenumber_term(double flux_type, const double* wavenumbers,
-                     const double* wavenumber_weights, int j, double* k,
-                     double* w) {
-  if (flux_type <= 2.0) {
-    *k = 0.0;  // two-dimensional flow: one plain solve with weight 1
-    *w = 1.0;
-  } else {
-    *k = wavenumbers[j];
-    *w = wavenumber_weights[j];
-  }
-}

@@ -134,17 +134,15 @@ void compute_jacobian(const MeshModel& mesh, int nodes_per_element,
 
   for (int j = 0; j < num_wavenumbers; ++j) {
     double k, w;
-    wavenumber_term(flux_type, wavenumbers, wavenumber_weights, j, &k, &w);
-    int error = solve_all_electrodes(mesh, nodes_per_element, cm, table,
-                                     log_conductivity, k, sigma_0,
-                                     singularity_removal, work);
+    int error = forward_term(mesh, nodes_per_element, cm, table, ms,
+                             log_conductivity, wavenumbers, wavenumber_weights,
+                             j, flux_type, sigma_0, singularity_removal, work,
+                             transfer_resistance, &k, &w);
     if (error != 0) {
       *jacobian_failed = error;
       return;
     }
     const double* potentials = work->potentials.data();
-    add_transfer_resistances(table, ms, mesh.num_nodes, potentials, w,
-                             transfer_resistance);
     // The timer restarts at every wavenumber and stops once at the end:
     // the reported Jacobian time is that of the last accumulation.
     timer("jac0");
