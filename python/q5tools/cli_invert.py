@@ -56,12 +56,12 @@ def main(argv=None):
     opts = options(args)
     for key in ("q5", "borehole"):
         opts.pop(key, None)
+    reference_dir = None
     try:
         q5 = find_q5(args.q5)
         out = os.path.abspath(args.output)
         if os.path.exists(out) and os.listdir(out) and not args.force:
             raise InputError(out, "exists and is not empty (use --force to replace it)")
-        reference_dir = None
         t0 = time.time()
         t_ref = 0.0
         if args.reference:

@@ -49,3 +49,14 @@ def test_difference_run_against_a_reference(tmp_path):
     middle = (centre[:, 0] > 28) & (centre[:, 0] < 42) & (centre[:, 1] > frame.datum - 6)
     ends = (centre[:, 0] < 12) | (centre[:, 0] > 58)
     assert np.median(diff[middle]) > 2 and abs(np.median(diff[ends])) < np.median(diff[middle]) / 2
+
+
+def test_a_run_that_stops_is_reported(tmp_path):
+    fake = write(tmp_path / "q5", "#!/bin/sh\necho ' FATAL: Incorrect job type specified - must be 0/1'\necho 'FATAL error'\n")
+    os.chmod(fake, 0o755)
+    done = tool("q5-invert", field("slagdump", "slagdump.ohm"), "-o", tmp_path / "run", "--q5", fake)
+    assert done.returncode == 1 and "pictures:" not in done.stdout
+    assert done.stderr == (f"q5-invert: {tmp_path / 'run' / 'Q5.out'}: q5 stopped: "
+                           "FATAL: Incorrect job type specified - must be 0/1\n")
+    done = tool("q5-invert", field("slagdump", "slagdump.ohm"), "-o", tmp_path / "run2", "--q5", tmp_path / "none")
+    assert done.returncode == 1 and done.stderr == f"q5-invert: {tmp_path / 'none'}: is not an executable q5\n"
