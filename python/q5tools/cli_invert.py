@@ -16,14 +16,17 @@ PROG = "q5-invert"
 
 
 def find_q5(given=None):
-    """q5 from the option, else beside this command, else on PATH."""
+    """q5 from the option, else beside this command (or in the source tree's
+    build/), else on PATH."""
     if given:
         if not (os.path.isfile(given) and os.access(given, os.X_OK)):
             raise InputError(given, "is not an executable q5")
         return os.path.abspath(given)
-    beside = os.path.join(os.path.dirname(os.path.realpath(sys.argv[0])), "q5")
-    if os.path.isfile(beside) and os.access(beside, os.X_OK):
-        return beside
+    here = os.path.dirname(os.path.realpath(sys.argv[0]))
+    # installed: q5 in the same bin; source tree: python/bin/../../build/q5
+    for path in (os.path.join(here, "q5"), os.path.join(here, "..", "..", "build", "q5")):
+        if os.path.isfile(path) and os.access(path, os.X_OK):
+            return os.path.abspath(path)
     found = shutil.which("q5")
     if not found:
         raise InputError("q5", "not found beside q5-invert nor on PATH (give --q5 PATH)")
@@ -43,13 +46,16 @@ def run_q5(q5, run_dir):
         raise InputError(os.path.join(run_dir, "Q5.out"), f"q5 stopped: {why}")
     keys = ("Processing dataset", "Final RMS Misfit", "Outputing results", "not converged",
             "shows solution", "Rejecting")
-    return [l.strip() for l in lines if any(k in l for k in keys)]
+    shown = [l.strip() for l in lines if any(k in l for k in keys)]
+    if shown and shown[-1].startswith("Processing dataset"):
+        shown.pop()  # the head of the read that found the end of the data
+    return shown
 
 
 def main(argv=None):
     p = argparse.ArgumentParser(prog=PROG, description="Import field files, run q5 and draw the results.")
     add_import_options(p)
-    p.add_argument("--q5", metavar="PATH", help="the q5 program (default: beside q5-invert, else on PATH)")
+    p.add_argument("--q5", metavar="PATH", help="the q5 program (default: beside q5-invert, the source tree's build/q5, else on PATH)")
     p.add_argument("--borehole", metavar="FILE", help="borehole log 'x z rho' to draw on the model sections")
     args = p.parse_args(argv)
     from .plotting import plot_run
