@@ -15,10 +15,23 @@ done
 [ -f "$prefix/share/q5/python/q5tools/plotting.py" ] || fail "the tools' package is missing"
 "$prefix/bin/q5-import" --help | grep -q -- "--reference" || fail "q5-import --help"
 
-field="$top/../shared/fielddata/slagdump/slagdump.ohm"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 cd "$work"
+# The slag-dump survey when the field data stand beside the repository;
+# otherwise a small flat Wenner line in the same unified format.
+field="$top/../shared/fielddata/slagdump/slagdump.ohm"
+if [ ! -f "$field" ]; then
+  field="$work/wenner.ohm"
+  {
+    echo "12# Number of sensors"; echo "#x z"
+    for k in $(seq 0 11); do echo "$((2 * k)) 0"; done
+    echo "18# Number of data"; echo "#a b m n R"
+    for a in 1 2 3; do for k in $(seq 1 $((12 - 3 * a))); do
+      echo "$k $((k + 3 * a)) $((k + a)) $((k + 2 * a)) $(awk -v a=$a 'BEGIN { printf "%.4f", 30 / (6.2832 * 2 * a) }')"
+    done; done
+  } > "$field"
+fi
 env -u PYTHONPATH PATH=/usr/bin:/bin "$prefix/bin/q5-invert" "$field" -o run --forward > invert.log \
   || { cat invert.log; fail "installed q5-invert failed"; }
 [ -s run/forward_model.png ] && [ -s run/forward_data.png ] || fail "installed q5-invert drew no pictures"
