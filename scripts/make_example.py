@@ -5,6 +5,8 @@ body, on a grid with depth lists, with one block of dipole-dipole and Wenner
 readings. The files are committed; this script shows how they were made."""
 import os
 
+from parameter_blocks import blocks
+
 out = os.path.join(os.path.dirname(__file__), "..", "examples", "forward")
 os.makedirs(out, exist_ok=True)
 
@@ -111,13 +113,6 @@ print(nx, ny, nx * ny, len(readings))
 # x >= 0, from a uniform 100 ohm m start. Parameter blocks: 2 cells (1 m)
 # along the line, the padding in blocks of 5 cells; rows in pairs to 30 m,
 # deeper in threes.
-def blocks(count, size):
-    out_ = [size] * (count // size)
-    if count % size:
-        out_.append(count % size)
-    return out_
-
-
 first = column_of(0.0)
 line_cells = column_of(line_end) - first
 bx = blocks(first - 1, 5) + blocks(line_cells, 2) + blocks(nx - first - line_cells, 5)

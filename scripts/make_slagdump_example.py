@@ -13,6 +13,8 @@ along the ground, 12.4 m relief; shared/fielddata/slagdump/slagdump.ohm):
 
 The files are committed; this script shows how they were made."""
 import os
+
+from parameter_blocks import blocks
 import sys
 
 here = os.path.dirname(os.path.abspath(__file__))
@@ -104,13 +106,6 @@ with open(os.path.join(out, "forward", "protocol.dat"), "w") as f:
 
 # Inverse job. Parameter blocks: 2 cells (1 m) along the line, the padding
 # in blocks of 4 cells; rows in pairs to 20 m, deeper in threes.
-def blocks(count, size):
-    out_ = [size] * (count // size)
-    if count % size:
-        out_.append(count % size)
-    return out_
-
-
 line_cells = 4 * (n_el - 1)
 bx = blocks(len(left), 4) + blocks(line_cells, 2) + blocks(len(right), 4)
 shallow = sum(1 for y in ys[1:] if y <= 20.0)
