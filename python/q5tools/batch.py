@@ -67,6 +67,7 @@ class Progress:
         self.start = time.time()
         self.tty = stream.isatty()
         self.shown = None
+        self.shown_at = 0.0
         self.open = False
 
     def line(self):
@@ -80,11 +81,17 @@ class Progress:
         return text
 
     def show(self, force=False):
+        """On a terminal the line is rewritten in place; elsewhere a new line
+        is written when the counts change, at most every 10 s until the end."""
         text = self.line()
         key = (self.done, self.failed) if not self.tty else text
         if key == self.shown and not force:
             return
-        self.shown = key
+        left = self.total - self.done - self.failed
+        if not self.tty and not force and left and self.shown is not None \
+                and time.time() - self.shown_at < 10:
+            return
+        self.shown, self.shown_at = key, time.time()
         if self.tty:
             self.stream.write("\r" + text + "\033[K")
             self.open = True
@@ -164,8 +171,9 @@ def run_engine(engine, pending, run_dir, progress, outcomes):
         if engine.poll() is not None or not waiting:
             break
         time.sleep(0.5)
-    # once every task has its record the engine is only closing down
-    code = engine.finish(timeout=30)
+    # once every task has its record the engine is only closing down (sbatch
+    # --wait may poll for many seconds more; ending it leaves the job alone)
+    code = engine.finish(timeout=None if waiting else 3)
     for ds in waiting:  # tasks the engine ended without a record
         outcome = outcomes[ds.number] = settle(ds, run_dir)
         if outcome["ok"]:

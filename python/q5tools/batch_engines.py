@@ -121,8 +121,24 @@ class ParallelEngine(Engine):
                 time.sleep(0.2)
 
 
+def slurm_array_limit(default=1001):
+    """MaxArraySize of the cluster: array indices run below it."""
+    try:
+        out = subprocess.run(["scontrol", "show", "config"], capture_output=True, text=True,
+                             timeout=30).stdout
+    except (OSError, subprocess.TimeoutExpired):
+        return default
+    for line in out.splitlines():
+        key, _, value = line.partition("=")
+        if key.strip() == "MaxArraySize" and value.strip().isdigit():
+            return int(value.strip())
+    return default
+
+
 class SlurmEngine(Engine):
-    """One Slurm job array, a task per dataset, %N running at a time."""
+    """One Slurm job array, a task per dataset, %N running at a time. A
+    batch of more datasets than the cluster's MaxArraySize allows gives each
+    task every T-th dataset of the list (T tasks)."""
 
     name, package = "slurm", "slurm-client (slurm-wlm)"
 
@@ -130,6 +146,7 @@ class SlurmEngine(Engine):
         super().__init__(batch_dir, q5, jobs)
         self.sbatch_args = shlex.split(sbatch_args or "")
         self.job_id = None
+        self.tasks = None
 
     def describe(self):
         limit = f", at most {self.jobs} running at a time" if self.jobs else ""
@@ -139,17 +156,27 @@ class SlurmEngine(Engine):
     def start(self, dirs, tag):
         listing = os.path.join(self.batch_dir, f"tasks-{tag}.txt")
         write_file(listing, "".join(d + "\n" for d in dirs).encode())
+        self.tasks = min(len(dirs), max(slurm_array_limit() - 1, 1))
         script = os.path.join(self.batch_dir, SLURM_TASK)
         write_file(script, (
             "#!/bin/sh\n"
-            "# One array task of q5-batch: the dataset directory on line\n"
-            "# SLURM_ARRAY_TASK_ID of the task list, run by run-dataset.sh.\n"
-            f"dir=$(sed -n \"${{SLURM_ARRAY_TASK_ID}}p\" {shlex.quote(listing)})\n"
-            f"exec sh {shlex.quote(os.path.join(self.batch_dir, RUNNER))} "
-            f"{shlex.quote(self.q5)} \"$dir\"\n").encode())
+            "# One array task of q5-batch: the dataset directories on lines\n"
+            f"# SLURM_ARRAY_TASK_ID, + {self.tasks}, + {2 * self.tasks}, ... of the task list, each run by\n"
+            "# run-dataset.sh.\n"
+            f"list={shlex.quote(listing)}\n"
+            "n=$(wc -l < \"$list\")\n"
+            "i=$SLURM_ARRAY_TASK_ID\n"
+            "while [ \"$i\" -le \"$n\" ]; do\n"
+            "  dir=$(sed -n \"${i}p\" \"$list\")\n"
+            f"  sh {shlex.quote(os.path.join(self.batch_dir, RUNNER))} {shlex.quote(self.q5)} \"$dir\"\n"
+            f"  i=$((i + {self.tasks}))\n"
+            "done\n").encode())
+        if self.tasks < len(dirs):
+            print(f"q5-batch: the cluster's arrays hold at most {self.tasks} tasks: each task runs "
+                  f"every {self.tasks}th dataset of the list")
         outputs = os.path.join(self.batch_dir, "slurm")
         os.makedirs(outputs, exist_ok=True)
-        array = f"1-{len(dirs)}" + (f"%{self.jobs}" if self.jobs else "")
+        array = f"1-{self.tasks}" + (f"%{self.jobs}" if self.jobs else "")
         argv = ["sbatch", "--parsable", "--wait", f"--array={array}", "--job-name=q5-batch",
                 "--ntasks=1", "--cpus-per-task=1",
                 f"--output={os.path.join(outputs, 'task-%a.out')}", f"--chdir={self.batch_dir}",

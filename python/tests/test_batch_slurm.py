@@ -51,6 +51,7 @@ SelectType=select/cons_tres
 SelectTypeParameters=CR_Core
 MpiDefault=none
 ReturnToService=2
+MaxArraySize=5
 NodeName={node} NodeAddr=127.0.0.1 CPUs={cpus} State=UNKNOWN
 PartitionName=q5 Nodes={node} Default=YES MaxTime=INFINITE State=UP
 """
@@ -63,7 +64,7 @@ def _tail(path, count=6):
         return "(no log)"
 
 
-@pytest.fixture
+@pytest.fixture(scope="module")
 def cluster():
     """A one-node cluster; yields the environment its clients need."""
     missing = [d for d in DAEMONS if not shutil.which(d)]
@@ -124,15 +125,33 @@ def cluster():
         shutil.rmtree(d, ignore_errors=True)
 
 
+def slurm_batch(run, cluster, *args):
+    return subprocess.run([sys.executable, os.path.join(BIN, "q5-batch"), run, "--engine", "slurm",
+                           "--q5", q5_binary(), *args], capture_output=True, text=True, env=cluster,
+                          timeout=300)
+
+
 def test_batch_as_a_slurm_job_array(tmp_path, resistances, cluster):  # noqa: F811
-    run = make_run(tmp_path / "run", control(), protocol(resistances, 5))
+    run = make_run(tmp_path / "run", control(), protocol(resistances, 3))
     sequential(run, tmp_path / "seq")
-    done = subprocess.run([sys.executable, os.path.join(BIN, "q5-batch"), run, "--engine", "slurm",
-                           "-j", "2", "--sbatch-args", "--partition=q5 --time=10", "--q5", q5_binary()],
-                          capture_output=True, text=True, env=cluster, timeout=300)
+    done = slurm_batch(run, cluster, "-j", "2", "--sbatch-args", "--partition=q5 --time=10")
     assert done.returncode == 0, done.stdout + done.stderr
     assert "a Slurm job array, at most 2 running at a time (--partition=q5 --time=10)" in done.stdout
-    assert_identical(tmp_path / "seq", run, range(1, 6))
-    # every dataset ran as its own array task
-    outputs = sorted(os.listdir(run / "batch" / "slurm"))
-    assert outputs == [f"task-{k}.out" for k in range(1, 6)]
+    assert_identical(tmp_path / "seq", run, range(1, 4))
+    # every dataset ran as its own array task, on the cluster's node
+    assert sorted(os.listdir(run / "batch" / "slurm")) == [f"task-{k}.out" for k in range(1, 4)]
+    node = socket.gethostname().split(".")[0]
+    for k in range(1, 4):
+        assert open(run / "batch" / f"{k:03d}" / "q5-batch.exit").read().split()[3] == node
+
+
+def test_more_datasets_than_an_array_holds(tmp_path, resistances, cluster):  # noqa: F811
+    """The cluster's MaxArraySize of 5 allows indices 1 to 4: four tasks, the
+    first two of which run two datasets each."""
+    run = make_run(tmp_path / "run", control(), protocol(resistances, 6))
+    sequential(run, tmp_path / "seq")
+    done = slurm_batch(run, cluster)
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert "arrays hold at most 4 tasks: each task runs every 4th dataset" in done.stdout
+    assert sorted(os.listdir(run / "batch" / "slurm")) == [f"task-{k}.out" for k in range(1, 5)]
+    assert_identical(tmp_path / "seq", run, range(1, 7))
