@@ -21,6 +21,8 @@ RUNNER_TEXT = """#!/bin/sh
 # end time (seconds since the epoch) and host.
 # usage: run-dataset.sh Q5 DATASET_DIR
 q5=$1
+# a task of an earlier batch whose list is gone finds no directory here
+[ -n "$2" ] && [ -f "$2/Q5.in" ] || exit 2
 cd "$2" || exit 2
 rm -f q5-batch.exit q5-batch.exit.part
 # A signal to the task also reaches q5; the record is still written.

@@ -237,6 +237,25 @@ def test_end_of_file_inside_a_block_and_a_failing_dataset(tmp_path, resistances)
     assert "dataset 2, stem f002, run in batch/002: FATAL error" in open(run / "Q5.out").read()
 
 
+def test_datasets_whose_q5_died_are_reported(tmp_path, resistances):
+    """A q5 killed by a signal on dataset 2 and one that exits with status 3
+    on dataset 3 (a wrapper around the real q5 injects both faults)."""
+    run = make_run(tmp_path / "run", control(), protocol(resistances, 4))
+    sequential(run, tmp_path / "seq")
+    faulty = write(tmp_path / "faulty-q5", "#!/bin/sh\ncase $(pwd) in\n*/002) kill -KILL $$;;\n"
+                   f"*/003) echo 'solver crashed'; exit 3;;\nesac\nexec {q5_binary()}\n")
+    os.chmod(faulty, 0o755)
+    done = tool("q5-batch", run, "--q5", faulty)
+    assert done.returncode == 1
+    assert "dataset 2 (f002, batch/002) failed: killed by signal 9 (SIGKILL)" in done.stdout
+    assert "dataset 3 (f003, batch/003) failed: exit status 3: solver crashed" in done.stdout
+    assert "never reads the blocks after it" not in done.stdout   # no FATAL error here
+    assert [n[:4] for n in results_of(run) if n[:4] in ("f002", "f003")] == []
+    for n in results_of(tmp_path / "seq"):
+        if n[:4] in ("f001", "f004"):
+            assert filecmp.cmp(tmp_path / "seq" / n, run / n, shallow=False), n
+
+
 def test_interrupted_batch_reruns_only_what_is_unfinished(tmp_path, resistances):
     """A q5 that is slow on dataset 2 (a wrapper that waits, then runs the
     real q5): q5-batch is interrupted while it waits; dataset 1 and 3 are
