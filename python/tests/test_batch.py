@@ -185,6 +185,8 @@ def test_difference_run_with_errors_from_the_file(tmp_path, resistances):
     done = batch(run, "-j", "2")
     assert done.returncode == 0, done.stdout + done.stderr
     assert_identical(tmp_path / "seq", run, [1, 2, 3, 4])
+    # q5-plot reads the same misfits and ends from the gathered log
+    assert results.read_misfits(run / "Q5.out") == results.read_misfits(tmp_path / "seq" / "Q5.out")
     # a dataset with a completed iteration writes its table to fort.19 and
     # leaves _diffres.dat empty; one that converged at once fills _diffres.dat
     iterated = [k for k in range(1, 5) if os.path.exists(run / f"{stem(k)}.001_res.vtk")]
