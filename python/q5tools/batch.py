@@ -5,7 +5,6 @@ import argparse
 import fcntl
 import glob
 import os
-import shutil
 import sys
 import time
 
@@ -13,6 +12,7 @@ from .batch_dirs import BATCH, Dataset, Inputs, dir_name, stem, write_file
 from .batch_engines import ParallelEngine, SlurmEngine, write_runner
 from .batch_report import judge, log_tail, summary_table, write_reports
 from .errors import InputError
+from .locate import find_q5
 from .runlayout import PROTOCOL, cut_blocks, read_layout
 
 PROG = "q5-batch"
@@ -29,23 +29,6 @@ DIR/batch/NNN/, where its Q5.out, fort.18 and fort.19 stay; DIR/Q5.out gets
 every dataset's log in dataset order and DIR/batch/summary.csv the summary.
 A second q5-batch on the same DIR runs only the datasets without a finished
 result. {SEQUENTIAL_NOTE}"""
-
-
-def find_q5(given=None):
-    """q5 from the option, else beside this command (or in the source tree's
-    build/), else on PATH; an absolute path, since tasks run elsewhere."""
-    if given:
-        if not (os.path.isfile(given) and os.access(given, os.X_OK)):
-            raise InputError(given, "is not an executable q5")
-        return os.path.abspath(given)
-    here = os.path.dirname(os.path.realpath(sys.argv[0]))
-    for path in (os.path.join(here, "q5"), os.path.join(here, "..", "..", "build", "q5")):
-        if os.path.isfile(path) and os.access(path, os.X_OK):
-            return os.path.abspath(path)
-    found = shutil.which("q5")
-    if not found:
-        raise InputError("q5", "not found beside q5-batch nor on PATH (give --q5 PATH)")
-    return os.path.abspath(found)
 
 
 def duration(seconds):
@@ -210,7 +193,7 @@ def main(argv=None):
             raise InputError(args.dir, "is not a directory")
         layout = read_layout(run_dir)
         found = cut_blocks(os.path.join(run_dir, PROTOCOL), layout.items)
-        q5 = find_q5(args.q5)
+        q5 = find_q5(args.q5, PROG)
         inputs = Inputs(run_dir, layout)
         batch_dir = os.path.join(run_dir, BATCH)
         os.makedirs(batch_dir, exist_ok=True)

@@ -10,27 +10,10 @@ import time
 
 from .cli_import import add_import_options, options
 from .errors import InputError
+from .locate import find_q5
 from .importer import import_run
 
 PROG = "q5-invert"
-
-
-def find_q5(given=None):
-    """q5 from the option, else beside this command (or in the source tree's
-    build/), else on PATH."""
-    if given:
-        if not (os.path.isfile(given) and os.access(given, os.X_OK)):
-            raise InputError(given, "is not an executable q5")
-        return os.path.abspath(given)
-    here = os.path.dirname(os.path.realpath(sys.argv[0]))
-    # installed: q5 in the same bin; source tree: python/bin/../../build/q5
-    for path in (os.path.join(here, "q5"), os.path.join(here, "..", "..", "build", "q5")):
-        if os.path.isfile(path) and os.access(path, os.X_OK):
-            return os.path.abspath(path)
-    found = shutil.which("q5")
-    if not found:
-        raise InputError("q5", "not found beside q5-invert nor on PATH (give --q5 PATH)")
-    return found
 
 
 def run_q5(q5, run_dir):
@@ -64,7 +47,7 @@ def main(argv=None):
         opts.pop(key, None)
     reference_dir = None
     try:
-        q5 = find_q5(args.q5)
+        q5 = find_q5(args.q5, PROG)
         out = os.path.abspath(args.output)
         if os.path.exists(out) and os.listdir(out) and not args.force:
             raise InputError(out, "exists and is not empty (use --force to replace it)")
