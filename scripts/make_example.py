@@ -5,7 +5,7 @@ body, on a grid with depth lists, with one block of dipole-dipole and Wenner
 readings. The files are committed; this script shows how they were made."""
 import os
 
-from parameter_blocks import blocks
+from parameter_blocks import blocks, inverse_records
 
 out = os.path.join(os.path.dirname(__file__), "..", "examples", "forward")
 os.makedirs(out, exist_ok=True)
@@ -126,15 +126,8 @@ inv = ["Example inversion: 48 electrodes over a conductive and a resistive body,
        wrap([x + shift for x in xs])]
 for i in range(nx):
     inv.append(wrap(ys))
-inv += [f"1\n1 {(nx - 1) * ncell_y} 100.0        uniform start",
-        "0 0        parameter blocks listed",
-        f"{len(bx)} {len(by)}",
-        "1 " + wrap(bx), "1 " + wrap(by),
-        "1 0.0        linear filter",
-        "1 0        log data, normal regularisation",
-        "1.0 8 0 1.0        tolerance, iterations, fixed weights, isotropic",
-        "0.0 0.03 0.1 100000        3 % relative error",
-        "0        no polyline",
+inv += inverse_records((nx - 1) * ncell_y, 100.0, bx, by, wrap)
+inv += ["0        no polyline",
         f"{n_el}        number of electrodes"]
 inv += [f"{k + 1} {first + 4 * k} 1" for k in range(n_el)]
 os.makedirs(os.path.join(out, "..", "inverse"), exist_ok=True)

@@ -14,7 +14,7 @@ along the ground, 12.4 m relief; shared/fielddata/slagdump/slagdump.ohm):
 The files are committed; this script shows how they were made."""
 import os
 
-from parameter_blocks import blocks
+from parameter_blocks import blocks, inverse_records
 import sys
 
 here = os.path.dirname(os.path.abspath(__file__))
@@ -86,9 +86,9 @@ electrodes = [f"{k + 1} {first + 4 * k} 1" for k in range(n_el)]
 cells = (nx - 1) * (ny - 1)
 
 
-def control(title, job, xs_out, inverse_records):
+def control(title, job, xs_out, records):
     return "\n".join([title, job, f"{nx} {ny}        columns and rows",
-                      wrap(xs_out), wrap(offsets), wrap(ys)] + inverse_records +
+                      wrap(xs_out), wrap(offsets), wrap(ys)] + records +
                      ["0        no polyline", f"{n_el}        electrodes: id, column, row"] +
                      electrodes) + "\n"
 
@@ -116,14 +116,7 @@ open(os.path.join(out, "Q5.in"), "w").write(control(
     f"Slag dump profile 11: inversion of the measured resistances, x shifted by {shift:.3f} m",
     "1 4 3.0 0 1        inverse job, grid with surface offsets, 3-D flow, no singularity removal, sensitivity",
     [x + shift for x in xs],
-    [f"1\n1 {cells} 10.0        uniform 10 ohm m start",
-     "0 0        parameter blocks listed",
-     f"{len(bx)} {len(by)}",
-     "1 " + wrap(bx), "1 " + wrap(by),
-     "1 0.0        linear filter",
-     "1 0        log data, normal regularisation",
-     "1.0 8 0 1.0        tolerance, iterations, fixed weights, isotropic",
-     "0.0 0.03 0.1 100000        3 % relative error"]))
+    inverse_records(cells, 10.0, bx, by, wrap)))
 with open(os.path.join(out, "protocol.dat"), "w") as f:
     f.write(f"{len(data)}\n")
     for i, ((a, b, m, n), r) in enumerate(zip(data, measured), 1):

@@ -31,6 +31,16 @@ A second q5-batch on the same DIR runs only the datasets without a finished
 result. {SEQUENTIAL_NOTE}"""
 
 
+def count_outcome(progress, ds, outcome):
+    """Counts a settled dataset as done or failed, reporting a failure."""
+    if outcome["ok"]:
+        progress.done += 1
+    else:
+        progress.failed += 1
+        report_failure(progress, ds, outcome)
+    return outcome
+
+
 def duration(seconds):
     seconds = int(round(seconds))
     if seconds < 60:
@@ -143,13 +153,8 @@ def run_engine(engine, pending, run_dir, progress, outcomes):
             if ds.exit_record() is None:
                 continue
             waiting.remove(ds)
-            outcome = outcomes[ds.number] = settle(ds, run_dir)
+            outcomes[ds.number] = count_outcome(progress, ds, settle(ds, run_dir))
             progress.finished_now += 1
-            if outcome["ok"]:
-                progress.done += 1
-            else:
-                progress.failed += 1
-                report_failure(progress, ds, outcome)
         progress.show()
         if engine.poll() is not None or not waiting:
             break
@@ -158,12 +163,7 @@ def run_engine(engine, pending, run_dir, progress, outcomes):
     # --wait may poll for many seconds more; ending it leaves the job alone)
     code = engine.finish(timeout=None if waiting else 3)
     for ds in waiting:  # tasks the engine ended without a record
-        outcome = outcomes[ds.number] = settle(ds, run_dir)
-        if outcome["ok"]:
-            progress.done += 1
-        else:
-            progress.failed += 1
-            report_failure(progress, ds, outcome)
+        outcomes[ds.number] = count_outcome(progress, ds, settle(ds, run_dir))
     progress.show()
     progress.close()
     return code
