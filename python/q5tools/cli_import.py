@@ -3,6 +3,7 @@ directory for q5."""
 import argparse
 import sys
 
+from . import geometry
 from .errors import InputError
 from .importer import import_run
 
@@ -11,15 +12,29 @@ PROG = "q5-import"
 
 def add_import_options(p):
     p.add_argument("files", nargs="+", metavar="FILE",
-                   help="field files: unified data format (.ohm, .dat, .data) or Syscal Pro text export")
+                   help="field files: unified data format, Syscal Pro text export or Res2DInv data file"
+                        " (recognised by their content)")
     p.add_argument("-o", "--output", required=True, metavar="DIR", help="run directory to write")
     p.add_argument("--force", action="store_true", help="replace DIR if it exists")
     g = p.add_argument_group("Syscal Pro exports")
     g.add_argument("--spacing", type=float, metavar="M", help="true electrode spacing, m")
     g.add_argument("--instrument-spacing", type=float, metavar="M",
                    help="spacing set on the instrument (default: the smallest step in the file)")
-    g = p.add_argument_group("grid")
-    g.add_argument("--cells", type=int, default=4, help="cells between neighbouring electrodes (4)")
+    g = p.add_argument_group("geometry")
+    g.add_argument("--topography", metavar="FILE",
+                   help="lines 'position height' giving the electrodes their heights (position as the file"
+                        " gives it: x, or the distance along the ground for a Syscal cable)")
+    g.add_argument("--remote", action="append", metavar="X[,Z]",
+                   help="place of a remote electrode in the file's coordinates; twice when the remote"
+                        " current and potential electrodes differ (current first)")
+    g.add_argument("--remote-distance", type=float, metavar="LINES",
+                   help=f"without --remote: remotes this many line lengths beyond the line ({geometry.REMOTE_LINES:g})")
+    g = p.add_argument_group("mesh")
+    g.add_argument("--mesh", choices=["triangles", "grid"], default="triangles",
+                   help="triangles (default; any geometry) or a grid with surface offsets (surface lines only)")
+    g.add_argument("--cells", type=int, default=4,
+                   help="grid: cells between neighbouring electrodes; triangles: twice this many cells per"
+                        " electrode spacing at the electrodes (4)")
     g.add_argument("--growth", type=float, default=1.3, help="growth of padding cells (1.3)")
     g.add_argument("--boundary", type=float, default=5.0,
                    help="distance of the boundaries, in line lengths (5)")
@@ -38,6 +53,12 @@ def add_import_options(p):
                    help="least relative error taken from a file's error column (2)")
     g.add_argument("--ignore-file-errors", action="store_true",
                    help="use --error even where the file has an error column")
+    g.add_argument("--errors", choices=["file", "relative", "reciprocal"],
+                   help="error model: the file's errors, one relative error, or a + b|R| fitted to reciprocal"
+                        " pairs (default: the file's unless q5's 0.001 ohm floor would raise some by more than"
+                        " half, else reciprocal when there are pairs, else relative)")
+    g.add_argument("--reciprocal-limit", type=float, default=10.0, metavar="PERCENT",
+                   help="leave out reciprocal pairs disagreeing by more than this (10)")
     g = p.add_argument_group("run")
     g.add_argument("--forward", action="store_true", help="write a forward job over a uniform model")
     g.add_argument("--rho", type=float, metavar="OHMM",
@@ -70,7 +91,7 @@ def main(argv=None):
     args = p.parse_args(argv)
     try:
         meta, lines = import_run(args.files, args.output, options(args), force=args.force)
-    except InputError as e:
+    except (InputError, OSError) as e:
         print(f"{PROG}: {e}", file=sys.stderr)
         return 1
     for line in lines:

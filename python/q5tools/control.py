@@ -36,27 +36,55 @@ def _real(v):
     return f"{v:.6g}"
 
 
-def control_text(title, grid, electrode_ids, s):
-    """Q5.in for a grid run with the given settings."""
+@dataclass
+class MeshRecords:
+    """What Q5.in says of a mesh: its type, records and electrode places."""
+    mesh_type: int             # 4 grid, 3 triangles of mesh.dat
+    lines: list                # the mesh records (grid sizes and lists, or the mesh scale)
+    num_elements: int
+    patch_lines: list          # parameter blocks of a grid inverse job (none for triangles)
+    polyline: list             # (x, height) points of the region of interest, q5 frame
+    electrode_lines: list      # one record per electrode
+    what: str                  # words for the job line's comment
+
+
+def grid_records(grid, electrode_ids):
+    return MeshRecords(
+        4, [f"{grid.num_x} {grid.num_y}        columns and rows", _wrap(grid.xs, "%.4f"),
+            _wrap(grid.offsets, "%.4f"), _wrap(grid.ys, "%.4f")],
+        grid.num_elements,
+        ["0 0        parameter blocks listed",
+         f"{len(grid.patch_x)} {len(grid.patch_y)}        blocks along x and y",
+         _wrap([1] + list(grid.patch_x), "%d", 20), _wrap([1] + list(grid.patch_y), "%d", 20)],
+        grid.polyline,
+        [f"{len(electrode_ids)}        electrodes: id, column, row"]
+        + [f"{e} {c} 1" for e, c in zip(electrode_ids, grid.electrode_columns)],
+        "grid with surface offsets")
+
+
+def triangle_records(tm, polyline, electrode_ids):
+    return MeshRecords(
+        3, ["1.0        mesh scale (mesh.dat in metres)"], tm.num_elements, [], polyline,
+        [f"{len(electrode_ids)}        electrodes: id, node"]
+        + [f"{e} {n}" for e, n in zip(electrode_ids, tm.electrode_nodes)],
+        "triangles of mesh.dat")
+
+
+def control_text(title, mesh, s):
+    """Q5.in for a mesh (MeshRecords) with the given settings."""
     job = 0 if s.forward else 1
     out = [title[:80],
-           f"{job} 4 3.0 {s.singular} {0 if s.forward else s.res_calc}"
-           f"        {'forward' if s.forward else 'inverse'} job, grid with surface offsets,"
-           f" point sources, singularity removal {'on' if s.singular else 'off'}",
-           f"{grid.num_x} {grid.num_y}        columns and rows",
-           _wrap(grid.xs, "%.4f"),
-           _wrap(grid.offsets, "%.4f"),
-           _wrap(grid.ys, "%.4f")]
+           f"{job} {mesh.mesh_type} 3.0 {s.singular} {0 if s.forward else s.res_calc}"
+           f"        {'forward' if s.forward else 'inverse'} job, {mesh.what},"
+           f" point sources, singularity removal {'on' if s.singular else 'off'}"]
+    out += mesh.lines
     if s.start_file:
         out += ["0        start model from file", s.start_file]
     else:
-        out += ["1", f"1 {grid.num_elements} {_real(s.rho_start)}        uniform model, ohm m"]
+        out += ["1", f"1 {mesh.num_elements} {_real(s.rho_start)}        uniform model, ohm m"]
     if not s.forward:
-        out += ["0 0        parameter blocks listed",
-                f"{len(grid.patch_x)} {len(grid.patch_y)}        blocks along x and y",
-                _wrap([1] + list(grid.patch_x), "%d", 20),
-                _wrap([1] + list(grid.patch_y), "%d", 20),
-                f"{s.inverse_type} {_real(s.target_decrease)}        inverse type, target decrease",
+        out += mesh.patch_lines
+        out += [f"{s.inverse_type} {_real(s.target_decrease)}        inverse type, target decrease",
                 f"{s.data_type} {2 if s.difference else 0}        data type, regularisation mode",
                 f"{_real(s.tolerance)} {s.max_iterations} {s.weight_update} {_real(s.alpha_aniso)}"
                 "        tolerance, iterations, weight update, anisotropy",
@@ -65,12 +93,11 @@ def control_text(title, grid, electrode_ids, s):
                 f"        {'errors from protocol.dat' if s.errors_from_file else 'error model'},"
                 " accepted apparent resistivity"]
     if s.polyline:
-        out.append(f"{len(grid.polyline)}        polyline of the region of interest")
-        out += [f"{px:.4f} {ph:.4f}" for px, ph in grid.polyline]
+        out.append(f"{len(mesh.polyline)}        polyline of the region of interest")
+        out += [f"{px:.4f} {ph:.4f}" for px, ph in mesh.polyline]
     else:
         out.append("0        no polyline: every element is written")
-    out.append(f"{len(electrode_ids)}        electrodes: id, column, row")
-    out += [f"{e} {c} 1" for e, c in zip(electrode_ids, grid.electrode_columns)]
+    out += mesh.electrode_lines
     return "\n".join(out) + "\n"
 
 
@@ -104,3 +131,17 @@ def accepted_range(rho):
     lo, hi = float(rho.min()), float(rho.max())
     span = max(abs(lo), abs(hi), 1e-6)
     return lo - span, hi + span
+
+
+def q5_factor(ex, ey, ia, ib, im, in_):
+    """The flat half-space factor q5 gives readings between electrodes at
+    node coordinates ex, ey (q5's frame: the grid's depth or the mesh's
+    height; index arrays ia.. into them): straight distances and image
+    distances mirrored in the line y = 0, with q5's constant. Under
+    topography it is only a scale for judging readings."""
+    r = lambda p, q: np.hypot(ex[p] - ex[q], ey[p] - ey[q])
+    ri = lambda p, q: np.hypot(ex[p] - ex[q], ey[p] + ey[q])
+    with np.errstate(divide="ignore", invalid="ignore"):
+        g = (1 / r(im, ia) + 1 / ri(im, ia) - 1 / r(in_, ia) - 1 / ri(in_, ia)
+             - 1 / r(im, ib) - 1 / ri(im, ib) + 1 / r(in_, ib) + 1 / ri(in_, ib))
+        return 1 / (g / 12.566370616)

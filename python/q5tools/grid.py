@@ -59,37 +59,42 @@ def _groups(count, size):
     return out
 
 
-def _padding(start, h, growth, reach, direction):
+def _padding(start, h, growth, end, direction, fixed=()):
+    """Columns from start outward, each cell `growth` times the last, to
+    `end`; the positions in `fixed` (remote electrodes) become columns
+    themselves, the padding column nearest each giving way to it."""
     out, pos = [], start
-    while abs(pos - start) < reach:
+    while direction * (end - pos) > 0:
         h *= growth
         pos += direction * h
         out.append(pos)
-    return out
+    for f in fixed:
+        if out:
+            out[int(np.argmin(np.abs(np.array(out) - f)))] = f
+    return sorted(set(out), reverse=direction < 0)
 
 
-def build_grid(x, z, cells=4, growth=1.3, depth=None, boundary=5.0,
-               row_growth=1.1, first_row=None, pad_group=4):
-    """Build the grid for electrodes at x, z (any order). Raises ValueError
-    with the reason for settings or positions it cannot use."""
-    x, z = np.asarray(x, float), np.asarray(z, float)
-    if len(x) < 2:
+def build_grid(lay, x, z, remote, cells=4, growth=1.3, row_growth=1.1, first_row=None, pad_group=4):
+    """Build the grid of a layout for electrodes at world x, z (any order; the
+    remote ones placed). Raises ValueError with the reason for settings or
+    positions it cannot use."""
+    x, z, remote = np.asarray(x, float), np.asarray(z, float), np.asarray(remote, bool)
+    if np.sum(~remote) < 2:
         raise ValueError("at least two electrodes are needed")
     if cells < 1:
         raise ValueError("cells between electrodes must be at least 1")
     if growth <= 1 or row_growth < 1:
         raise ValueError("growth factors must be above 1")
-    order = np.argsort(x, kind="stable")
+    order = np.argsort(np.where(remote, np.inf, x), kind="stable")[:np.sum(~remote)]
     xe, ze = x[order], z[order]
     gaps = np.diff(xe)
     if np.any(gaps < 1e-3):
         k = int(np.argmin(gaps))
         raise ValueError(f"two electrodes stand at x = {xe[k]:g} m; the grid needs one electrode per column")
-    length = xe[-1] - xe[0]
     fine = [xe[0] + (xe[k + 1] - xe[k]) * t / cells + (xe[k] - xe[0])
             for k in range(len(xe) - 1) for t in range(cells)] + [xe[-1]]
-    left = _padding(xe[0], fine[1] - fine[0], growth, boundary * length, -1)
-    right = _padding(xe[-1], fine[-1] - fine[-2], growth, boundary * length, 1)
+    left = _padding(xe[0], fine[1] - fine[0], growth, lay.left, -1, x[remote & (x < xe[0])])
+    right = _padding(xe[-1], fine[-1] - fine[-2], growth, lay.right, 1, x[remote & (x > xe[-1])])
     world = np.array(left[::-1] + fine + right)
     # electrodes sit exactly on their columns
     columns = len(left) + np.arange(len(xe)) * cells
@@ -97,14 +102,11 @@ def build_grid(x, z, cells=4, growth=1.3, depth=None, boundary=5.0,
     x_shift = round(-world[0], DECIMALS)
     xs = np.round(world + x_shift, DECIMALS)
 
-    datum = float(np.max(z))
-    offsets = np.round(np.interp(world, xe, ze) - datum, DECIMALS)
+    datum = lay.datum
+    offsets = np.round(lay.surface(world) - datum, DECIMALS)
     offsets[columns] = np.round(ze - datum, DECIMALS)
 
-    if depth is None:
-        depth = 0.25 * length
-    if depth <= 0:
-        raise ValueError("the depth of investigation must be above 0")
+    depth = lay.roi_depth
     h = first_row if first_row else np.min(np.diff(fine)) / 2
     if h <= 0:
         raise ValueError("the first row must be thicker than 0")
@@ -114,8 +116,7 @@ def build_grid(x, z, cells=4, growth=1.3, depth=None, boundary=5.0,
         ys.append(d)
         h *= row_growth
     fine_rows = len(ys) - 1
-    reach = max(boundary * length, depth * 2)
-    while d < reach:
+    while d < lay.bottom - (datum - np.min(lay.surface_z)):
         h *= growth
         d += h
         ys.append(d)
@@ -131,21 +132,8 @@ def build_grid(x, z, cells=4, growth=1.3, depth=None, boundary=5.0,
 
     electrode_columns = np.empty(len(x), int)
     electrode_columns[order] = columns + 1
+    for k in np.flatnonzero(remote):
+        electrode_columns[k] = int(np.argmin(np.abs(world - x[k]))) + 1
     return Grid(xs=xs, offsets=offsets, ys=ys, x_shift=x_shift, datum=datum,
                 electrode_columns=electrode_columns, patch_x=patch_x, patch_y=patch_y,
                 fine_rows=fine_rows, depth=depth, polyline=polyline)
-
-
-def q5_geometric_factor(grid, ca, cb, cm, cn):
-    """The flat half-space factor q5 gives a reading between electrodes on
-    columns ca, cb, cm, cn (row 1): straight distances in the grid's depth
-    coordinate and image distances mirrored in its zero line, with q5's
-    constant. Under topography it is only a scale for judging readings."""
-    px = lambda c: grid.xs[np.asarray(c) - 1]
-    py = lambda c: grid.ys[0] - grid.offsets[np.asarray(c) - 1]
-    r = lambda p, q: np.hypot(px(p) - px(q), py(p) - py(q))
-    ri = lambda p, q: np.hypot(px(p) - px(q), py(p) + py(q))
-    with np.errstate(divide="ignore", invalid="ignore"):
-        g = (1 / r(cm, ca) + 1 / ri(cm, ca) - 1 / r(cn, ca) - 1 / ri(cn, ca)
-             - 1 / r(cm, cb) - 1 / ri(cm, cb) + 1 / r(cn, cb) + 1 / ri(cn, cb))
-        return 1 / (g / 12.566370616)

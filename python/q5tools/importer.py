@@ -1,4 +1,4 @@
-"""From field files to a run directory: read, screen, grid, write."""
+"""From field files to a run directory: read, screen, mesh, write."""
 import json
 import os
 import shutil
@@ -7,41 +7,168 @@ from dataclasses import asdict
 
 import numpy as np
 
-from . import checks, control, grid as gridmod
+from . import checks, control, geometry, grid as gridmod, reciprocal, trimesh
 from .errors import InputError
-from .survey import flat_geometric_factor
-from .syscal import looks_like_syscal, read_syscal
-from .unified import read_unified
+from .readers import read_survey
+from .topography import apply_topography, read_topography
 
 META = "q5-import.json"
 START = "start_res.dat"
 Q5_ERROR_FLOOR = 0.001  # ohm: q5 raises smaller read-in errors to this
+FLOOR_RAISE = 1.5       # a floor that raises a file's error by more than half distorts the weights
+RECIPROCAL_LIMIT = 10.0  # percent: default limit of a reciprocal pair's disagreement
 
 
-def read_survey(path, spacing=None, instrument_spacing=None):
-    """Read a field file of either kind (the Syscal export by its header)."""
-    if looks_like_syscal(path):
-        return read_syscal(path, spacing, instrument_spacing)
-    if spacing is not None or instrument_spacing is not None:
-        raise InputError(path, "--spacing applies to Syscal Pro exports only")
-    return read_unified(path)
+def load_survey(path, opts):
+    """Read a field file and give it heights from --topography."""
+    survey = read_survey(path, opts.get("spacing"), opts.get("instrument_spacing"))
+    if opts.get("topography"):
+        pos, height = read_topography(opts["topography"])
+        survey = apply_topography(survey, pos, height, path=opts["topography"])
+    return survey
 
 
 def _same_electrodes(first, other):
     if len(first.ids) != len(other.ids) or np.any(first.ids != other.ids):
         raise InputError(other.path, f"its electrodes differ from those of {first.path}")
     dx = np.hypot(first.x - other.x, first.z - other.z)
+    dx = np.where(np.isnan(dx), 0.0, dx)
     if np.any(dx > 1e-3):
         k = int(np.argmax(dx))
         raise InputError(other.path, f"electrode {first.ids[k]} stands {dx[k]:.3g} m away from its place in {first.path}")
 
 
-def _errors(survey, opts):
-    """Absolute errors (ohm) per reading from the file's error column, or None."""
-    if survey.rel_err is None or opts.get("ignore_file_errors"):
-        return None
+def _remote_option(values):
+    """--remote X[,Z] values as (x,) or (x, z) tuples."""
+    out = []
+    for text in values or []:
+        try:
+            place = tuple(float(v) for v in str(text).split(","))
+        except ValueError:
+            place = ()
+        if not 1 <= len(place) <= 2 or not np.all(np.isfinite(place)):
+            raise InputError("--remote", f"'{text}' is not X or X,Z in metres")
+        out.append(place)
+    return out
+
+
+def _spacing(survey):
+    """Median distance from an electrode to its nearest neighbour, m."""
+    line = ~survey.remote
+    x, z = survey.x[line], survey.z[line]
+    d = np.hypot(x[:, None] - x[None, :], z[:, None] - z[None, :])
+    np.fill_diagonal(d, np.inf)
+    return float(np.median(d.min(axis=1)))
+
+
+def build_mesh(first, opts, texts):
+    """The mesh records of Q5.in (mesh.dat into texts), the layout, the x
+    shift, q5's coordinates of every electrode, the parameter count and a
+    line saying what was made. Triangles unless a grid is asked for, and a
+    grid only where it can hold the electrodes."""
+    lay = geometry.layout(first, depth=opts.get("depth"), boundary=opts.get("boundary", 5.0))
+    cells = opts.get("cells", 4)
+    if opts.get("mesh") == "grid":
+        if np.any(first.buried):
+            raise InputError(first.path, "buried electrodes need --mesh triangles: a grid puts every"
+                             " electrode on the surface")
+        try:
+            g = gridmod.build_grid(lay, first.x, first.z, first.remote, cells=cells,
+                                   growth=opts.get("growth", 1.3), row_growth=opts.get("row_growth", 1.1),
+                                   first_row=opts.get("first_row"))
+        except ValueError as e:
+            raise InputError(first.path, str(e))
+        col = g.electrode_columns - 1
+        size = f"grid: {g.num_x} columns x {g.num_y} rows ({g.num_x * g.num_y} nodes)"
+        return (control.grid_records(g, first.ids), lay, g.x_shift, g.xs[col], g.ys[0] - g.offsets[col],
+                g.num_parameters, size)
+    if cells < 1:
+        raise InputError(first.path, "cells between electrodes must be at least 1")
+    tm = trimesh.build_trimesh(lay, first.x, first.z, first.remote, _spacing(first) / (2 * cells))
+    tm, x_shift, _ = trimesh.q5_frame(tm, lay, ~first.remote)
+    polyline = [(round(x + x_shift, 4), round(z - lay.datum, 4)) for x, z in lay.roi]
+    texts["mesh.dat"] = trimesh.mesh_text(tm)
+    en = tm.electrode_nodes - 1
+    size = f"triangles: {tm.num_nodes} nodes, {tm.num_elements} elements"
+    return (control.triangle_records(tm, polyline, first.ids), lay, x_shift, tm.x[en], tm.z[en],
+            tm.num_elements, size)
+
+
+def _median_relative(screened, floor):
+    return float(np.median(np.concatenate([np.maximum(s.rel_err, floor) for s in screened])))
+
+
+def choose_errors(screened, pairs, opts, lines):
+    """The error model: ('file', None), ('relative', b) or ('reciprocal',
+    model). Default: the file's errors, unless q5's floor of 0.001 ohm would
+    raise some by more than half (then the file's median relative error);
+    without them the reciprocal model, else --error."""
+    mode = opts.get("errors")
+    has_file = all(s.rel_err is not None for s in screened) and not opts.get("ignore_file_errors")
     floor = opts.get("error_floor", 2.0) / 100.0
-    return np.maximum(survey.rel_err, floor) * np.abs(survey.r)
+    model = reciprocal.fit_error_model(np.abs(pairs[0]), pairs[1]) if len(pairs[0]) else None
+    if mode == "reciprocal" and model is None:
+        raise InputError(screened[0].path, f"--errors reciprocal needs at least {reciprocal.MIN_PAIRS} "
+                         f"reciprocal pairs; the files hold {len(pairs[0])}")
+    if mode == "file" and not has_file:
+        raise InputError(screened[0].path, "--errors file: the file has no error column")
+    if mode is None and has_file:
+        err = np.concatenate([np.maximum(s.rel_err, floor) * np.abs(s.r) for s in screened])
+        low = int(np.sum(err * FLOOR_RAISE < Q5_ERROR_FLOOR))
+        if not low:
+            return "file", None
+        rel = _median_relative(screened, floor)
+        lines.append(f"errors: q5's floor of 0.001 ohm would raise {low} of the file's errors by more"
+                     f" than half; using the relative model instead: {rel * 100:.3g} % (the file's median)")
+        return "relative", rel
+    if mode is None:
+        mode = "reciprocal" if model is not None else "relative"
+    if mode == "relative":
+        rel = _median_relative(screened, floor) if has_file else opts.get("error", 3.0) / 100.0
+        if rel <= 0:
+            raise InputError(screened[0].path, "--error must be above 0")
+        return "relative", rel
+    return mode, model
+
+
+def _screen_all(surveys, reference, log_data, limit, lines):
+    """Screened surveys (reciprocal pairs merged, reference values matched)
+    and the pairs' mean resistances and discrepancies."""
+    pairs = (np.zeros(0), np.zeros(0))
+    if reference:
+        reference, report, pairing = checks.screen(reference, log_data=False)
+        reference, _ = checks.merge_pairs(reference, pairing, limit, report)
+        lines += checks.describe(reference.path + " (reference)", report, len(reference))
+    screened = []
+    for s in surveys:
+        kept, report, pairing = checks.screen(s, log_data=log_data)
+        kept, pairing = checks.merge_pairs(kept, pairing, limit, report)
+        pairs = (np.concatenate([pairs[0], pairing.mean]), np.concatenate([pairs[1], pairing.discrepancy]))
+        kept.ref = None
+        if reference is not None:
+            ref = checks.match_reference(reference, kept)
+            missing = np.isnan(ref)
+            if missing.any():
+                report["not in the reference"] = [int(v) for v in kept.lines[missing]]
+                kept = kept.select(~missing)
+                ref = ref[~missing]
+            kept.ref = ref
+        lines += checks.describe(s.path, report, len(kept))
+        if not len(kept):
+            raise InputError(s.path, "no reading is left to use")
+        screened.append(kept)
+    return screened, pairs
+
+
+def _reciprocal_record(pairs, limit, kind, model):
+    if not len(pairs[0]):
+        return None
+    out = {"pairs": len(pairs[0]), "limit": limit, "r": [float(abs(v)) for v in pairs[0]],
+           "d": [float(abs(v)) for v in pairs[1]]}
+    if kind == "reciprocal":
+        out.update({"a": model.a, "b": model.b, "method": model.method,
+                    "bins_r": [float(v) for v in model.bins_r], "bins_e": [float(v) for v in model.bins_e]})
+    return out
 
 
 def prepare(files, opts):
@@ -58,115 +185,100 @@ def prepare(files, opts):
     if not files:
         raise InputError("-", "no field file given")
     log_data = opts.get("data", "log") == "log" and not difference
-    read = lambda p: read_survey(p, opts.get("spacing"), opts.get("instrument_spacing"))
-    surveys = [read(p) for p in files]
+    remote_given = _remote_option(opts.get("remote"))
+    lines = []
+
+    def read(path):
+        return geometry.place_remotes(load_survey(path, opts), remote_given,
+                                      opts.get("remote_distance") or geometry.REMOTE_LINES)
+
+    read_all = [read(p) for p in files]
     reference = read(reference_path) if difference else None
-    first = reference or surveys[0]
+    first, placed = reference or read_all[0]
+    surveys = [s for s, _ in read_all]
+    reference = reference[0] if reference else None
     for s in surveys:
         _same_electrodes(first, s)
-
-    lines = []
     for s in ([reference] if reference else []) + surveys:
         lines += [f"{s.path}: {note}" for note in s.notes]
-    if reference:
-        reference, report = checks.screen(reference, log_data=False)
-        lines += checks.describe(reference.path + " (reference)", report, len(reference))
-    screened = []
-    for s in surveys:
-        kept, report = checks.screen(s, log_data=log_data)
-        if reference is not None:
-            ref = checks.match_reference(reference, kept)
-            missing = np.isnan(ref)
-            if missing.any():
-                report["not in the reference"] = [int(v) for v in kept.lines[missing]]
-                kept = kept.select(~missing)
-                ref = ref[~missing]
-            kept.ref = ref
-        else:
-            kept.ref = None
-        lines += checks.describe(s.path, report, len(kept))
-        if not len(kept):
-            raise InputError(s.path, "no reading is left to use")
-        screened.append(kept)
+    lines += placed
+    limit = opts.get("reciprocal_limit", RECIPROCAL_LIMIT) / 100.0
+    screened, pairs = _screen_all(surveys, reference, log_data, limit, lines)
 
-    try:
-        g = gridmod.build_grid(first.x, first.z, cells=opts.get("cells", 4),
-                               growth=opts.get("growth", 1.3), depth=opts.get("depth"),
-                               boundary=opts.get("boundary", 5.0),
-                               row_growth=opts.get("row_growth", 1.1),
-                               first_row=opts.get("first_row"))
-    except ValueError as e:
-        raise InputError(first.path, str(e))
-    column = {int(e): c for e, c in zip(first.ids, g.electrode_columns)}
-    cols = lambda v: np.array([column[int(e)] for e in v])
-
+    texts = {}
+    records, lay, x_shift, ex, ey, num_parameters, size = build_mesh(first, opts, texts)
     settings = control.Settings(forward=forward, singular=opts.get("singular", 0),
                                 difference=difference, polyline=not opts.get("no_polyline"))
+    error_kind, error_model = ("none", None) if forward else choose_errors(screened, pairs, opts, lines)
     blocks, rhos, medians = [], [], []
-    errors_from_file = all(s.rel_err is not None for s in screened) and not opts.get("ignore_file_errors")
     for s in screened:
-        k = gridmod.q5_geometric_factor(g, cols(s.a), cols(s.b), cols(s.m), cols(s.n))
-        rhos.append(k * s.r)
-        pos = [s.positions(v) for v in (s.a, s.b, s.m, s.n)]
-        rho_flat = flat_geometric_factor(*pos[0], *pos[1], *pos[2], *pos[3]) * s.r
-        good = rho_flat[np.isfinite(rho_flat) & (rho_flat > 0)]
+        rhos.append(control.q5_factor(ex, ey, *(first.index(v) for v in (s.a, s.b, s.m, s.n))) * s.r)
+        rho = s.factor() * s.r
+        good = rho[np.isfinite(rho) & (rho > 0)]
         medians.append(float(np.median(good)) if len(good) else 100.0)
         block = {"a": s.a, "b": s.b, "m": s.m, "n": s.n, "r": s.r, "ref": s.ref}
-        if errors_from_file:
-            block["err"] = _errors(s, opts)
-            low = int(np.sum(block["err"] < Q5_ERROR_FLOOR))
-            if low:
-                worst = float(np.max(Q5_ERROR_FLOOR / np.abs(s.r[block["err"] < Q5_ERROR_FLOOR]))) * 100
-                lines.append(f"{s.path}: warning: {low} readings have errors under 0.001 ohm; q5 raises them"
-                             f" to 0.001 ohm (up to {worst:.0f} % of the reading)")
+        if error_kind == "file":
+            block["err"] = np.maximum(s.rel_err, opts.get("error_floor", 2.0) / 100.0) * np.abs(s.r)
+            low = block["err"] < Q5_ERROR_FLOOR
+            if low.any():
+                worst = float(np.max(Q5_ERROR_FLOOR / np.abs(s.r[low]))) * 100
+                lines.append(f"{s.path}: warning: {int(low.sum())} readings have errors under 0.001 ohm; q5"
+                             f" raises them to 0.001 ohm (up to {worst:.0f} % of the reading)")
         blocks.append(block)
 
     if forward:
         settings.rho_start = opts.get("rho") or 100.0
     else:
         settings.rho_start = opts.get("rho") or round(medians[0], 3)
-        settings.errors_from_file = errors_from_file
-        if not errors_from_file:
-            settings.b_wgt = opts.get("error", 3.0) / 100.0
-            if settings.b_wgt <= 0:
-                raise InputError(files[0], "--error must be above 0")
+        settings.errors_from_file = error_kind == "file"
+        if error_kind == "relative":
+            settings.a_wgt, settings.b_wgt = 0.0, error_model
+        elif error_kind == "reciprocal":
+            all_r = np.abs(np.concatenate([s.r for s in screened]))
+            a_wgt, b_wgt, c = reciprocal.quadrature_weights(error_model, all_r)
+            settings.a_wgt, settings.b_wgt = float(f"{a_wgt:.4g}"), float(f"{b_wgt:.4g}")
+            lines.append(f"errors: reciprocal model e = {error_model.a:.4g} ohm + {error_model.b * 100:.3g} %"
+                         f" of |R| ({error_model.method}); in q5's quadrature sum a_wgt {settings.a_wgt:g},"
+                         f" b_wgt {settings.b_wgt:g} (both x {c:.3f})")
         settings.rho_min, settings.rho_max = control.accepted_range(np.concatenate(rhos))
         settings.data_type = 1 if log_data else 0
         for name in ("max_iterations", "tolerance", "inverse_type", "target_decrease",
                      "alpha_aniso", "weight_update", "res_calc"):
             if opts.get(name) is not None:
                 setattr(settings, name, opts[name])
-    start_source = opts.get("start")
-    if start_source:
+    if opts.get("start"):
         settings.start_file = START
 
     names = ", ".join(os.path.basename(p) for p in files)
     title = opts.get("title") or (f"{'Difference of ' if difference else ''}{names}")
-    texts = {
-        "Q5.in": control.control_text(title, g, first.ids, settings),
-        "protocol.dat": control.protocol_text(blocks, forward=forward),
-    }
+    texts["Q5.in"] = control.control_text(title, records, settings)
+    texts["protocol.dat"] = control.protocol_text(blocks, forward=forward)
     meta = {
         "files": list(files),
         "reference": reference_path,
         "job": "forward" if forward else "inverse",
         "difference": difference,
-        "x_shift": g.x_shift, "datum": g.datum, "depth": g.depth,
+        "mesh": "grid" if records.mesh_type == 4 else "triangles",
+        "x_shift": x_shift, "datum": lay.datum, "depth": lay.roi_depth,
         "electrodes": {"id": [int(v) for v in first.ids], "x": [float(v) for v in first.x],
-                       "z": [float(v) for v in first.z]},
+                       "z": [float(v) for v in first.z], "depth": [float(v) for v in first.depth],
+                       "remote": [bool(v) for v in first.remote]},
+        "roi": [[float(px), float(pz)] for px, pz in lay.roi],
         "readings": [int(len(b["r"])) for b in blocks],
-        "grid": {"columns": g.num_x, "rows": g.num_y, "parameters": g.num_parameters},
+        "parameters": int(num_parameters),
+        "errors": error_kind,
+        "reciprocal": _reciprocal_record(pairs, limit, error_kind, error_model),
         "polyline": settings.polyline,
         "settings": {k: v for k, v in asdict(settings).items()},
         "options": {k: (START if k == "start" and v else v) for k, v in sorted(opts.items())},
     }
     texts[META] = json.dumps(meta, indent=1) + "\n"
-    lines.append(f"grid: {g.num_x} columns x {g.num_y} rows ({g.num_x * g.num_y} nodes), "
-                 f"{g.num_parameters} parameters, region of interest {g.depth:.1f} m deep")
+    lines.append(f"{size}, {num_parameters} parameters, region of interest {lay.roi_depth:.1f} m deep")
     if not forward:
-        model = f"errors from the file (floor {opts.get('error_floor', 2.0):g} %)" if errors_from_file \
-            else f"relative error {settings.b_wgt * 100:g} %"
-        lines.append(f"{sum(meta['readings'])} readings in {len(blocks)} block(s); {model}; "
+        model = {"file": f"errors from the file (floor {opts.get('error_floor', 2.0):g} %)",
+                 "relative": f"relative error {settings.b_wgt * 100:.3g} %",
+                 "reciprocal": f"reciprocal error model a_wgt {settings.a_wgt:g} ohm, b_wgt {settings.b_wgt:g}"}
+        lines.append(f"{sum(meta['readings'])} readings in {len(blocks)} block(s); {model[error_kind]}; "
                      f"{'difference run, ' if difference else ''}{'log' if log_data else 'true'} data, "
                      f"start {settings.start_file or f'{settings.rho_start:g} ohm m'}")
     return texts, meta, lines
