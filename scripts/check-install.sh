@@ -46,7 +46,7 @@ grep -q "^q5-batch: .*/run/Q5.in line 2: job_type 0 is a forward job" batch.log 
 deb="$(ls -t "$build"/q5_*_amd64.deb | head -1)"
 [ -n "$deb" ] || fail "no package in $build"
 depends="$(dpkg-deb -f "$deb" Depends)"
-for p in libmkl-core libmkl-sequential python3-numpy python3-matplotlib python3-meshio parallel; do
+for p in libmkl-core libmkl-sequential python3-numpy python3-matplotlib python3-meshio triangle-bin parallel; do
   echo "$depends" | grep -q "$p" || fail "$deb does not depend on $p"
 done
 contents="$(dpkg-deb -c "$deb")"

@@ -3,7 +3,8 @@
 # GoogleTest and Intel MKL (for PARDISO) from the non-free component, and the
 # Python libraries of the companion tools (q5-import, q5-plot, q5-invert),
 # and the engines of q5-batch: GNU parallel, Slurm and its munge
-# authentication (the tests bring up a one-node cluster of their own).
+# authentication (the tests bring up a one-node cluster of their own), and
+# Shewchuk's Triangle, the mesher of q5-import's triangle meshes (non-free).
 # Idempotent: packages already present are left alone.
 set -euo pipefail
 
@@ -14,7 +15,7 @@ fi
 export DEBIAN_FRONTEND=noninteractive
 packages=(g++ cmake make pkg-config libgtest-dev libmkl-dev
           python3 python3-numpy python3-matplotlib python3-meshio python3-pytest
-          parallel slurm-wlm munge)
+          triangle-bin parallel slurm-wlm munge)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -71,6 +71,20 @@ def place_remotes(survey, given=None, lines=REMOTE_LINES):
     return replace(survey, x=x, z=z, notes=list(survey.notes)), out
 
 
+def infer_depths(survey):
+    """Depths for a file that gives only positions: an electrode with another
+    one above it at the same x (within 1 cm) is in a borehole, at its depth
+    below the highest one there, which stands on the ground."""
+    if np.any(survey.depth > 0):
+        return survey
+    line = np.flatnonzero(~survey.remote)
+    depth = survey.depth.copy()
+    for k in line:
+        same = line[np.abs(survey.x[line] - survey.x[k]) < 0.01]
+        depth[k] = float(np.max(survey.z[same]) - survey.z[k])
+    return replace(survey, depth=depth, notes=list(survey.notes)) if np.any(depth > 0) else survey
+
+
 def layout(survey, depth=None, boundary=5.0):
     """The layout of a survey whose remotes are placed."""
     line = ~survey.remote

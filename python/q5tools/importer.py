@@ -25,7 +25,7 @@ def load_survey(path, opts):
     if opts.get("topography"):
         pos, height = read_topography(opts["topography"])
         survey = apply_topography(survey, pos, height, path=opts["topography"])
-    return survey
+    return geometry.infer_depths(survey)
 
 
 def _same_electrodes(first, other):
@@ -184,7 +184,7 @@ def prepare(files, opts):
         raise InputError(files[0] if files else "-", "--forward takes one field file and no --reference")
     if not files:
         raise InputError("-", "no field file given")
-    log_data = opts.get("data", "log") == "log" and not difference
+    log_data = opts.get("data", "log") == "log" and not difference and not forward
     remote_given = _remote_option(opts.get("remote"))
     lines = []
 

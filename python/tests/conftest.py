@@ -3,6 +3,7 @@ import shutil
 import subprocess
 import sys
 
+import numpy as np
 import pytest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -40,3 +41,17 @@ def write(path, text):
     with open(path, "w") as f:
         f.write(text)
     return str(path)
+
+
+def forward_resistances(run_dir):
+    """Run q5 in an imported forward-job directory; its transfer resistances."""
+    from q5tools import results
+    done = subprocess.run([q5_binary()], cwd=run_dir, capture_output=True, text=True)
+    assert done.stdout.rstrip().endswith("All ok"), done.stdout[-500:]
+    return results.read_forward(os.path.join(run_dir, "Q5_forward.dat"))["resistance"]
+
+
+def relative_errors(value, reference):
+    """Median and 90th percentile of |value / reference - 1|, percent."""
+    e = 100 * np.abs(np.asarray(value) / np.asarray(reference) - 1)
+    return float(np.median(e)), float(np.percentile(e, 90))
