@@ -142,8 +142,10 @@ def _screen_all(surveys, reference, log_data, limit, lines):
     screened = []
     for s in surveys:
         kept, report, pairing = checks.screen(s, log_data=log_data)
-        kept, pairing = checks.merge_pairs(kept, pairing, limit, report)
+        # the model is fitted to every pair: its robust spread is not fooled by
+        # a few gross ones, while the limit would cut the tails of the noisy ones
         pairs = (np.concatenate([pairs[0], pairing.mean]), np.concatenate([pairs[1], pairing.discrepancy]))
+        kept, _ = checks.merge_pairs(kept, pairing, limit, report)
         kept.ref = None
         if reference is not None:
             ref = checks.match_reference(reference, kept)
@@ -163,8 +165,12 @@ def _screen_all(surveys, reference, log_data, limit, lines):
 def _reciprocal_record(pairs, limit, kind, model):
     if not len(pairs[0]):
         return None
-    out = {"pairs": len(pairs[0]), "limit": limit, "r": [float(abs(v)) for v in pairs[0]],
-           "d": [float(abs(v)) for v in pairs[1]]}
+    r, d = np.abs(pairs[0]), np.abs(pairs[1])
+    with np.errstate(divide="ignore", invalid="ignore"):
+        out_ = np.where(d == 0, False, d > limit * r)
+    out = {"pairs": int(np.sum(~out_)), "limit": limit, "r": [float(v) for v in r[~out_]],
+           "d": [float(v) for v in d[~out_]], "left_out_r": [float(v) for v in r[out_]],
+           "left_out_d": [float(v) for v in d[out_]]}
     if kind == "reciprocal":
         out.update({"a": model.a, "b": model.b, "method": model.method,
                     "bins_r": [float(v) for v in model.bins_r], "bins_e": [float(v) for v in model.bins_e]})
