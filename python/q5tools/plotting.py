@@ -10,6 +10,7 @@ import numpy as np  # noqa: E402
 from matplotlib.collections import PolyCollection  # noqa: E402
 from matplotlib.colors import LogNorm, Normalize, TwoSlopeNorm  # noqa: E402
 from matplotlib.patches import Rectangle  # noqa: E402
+from matplotlib.path import Path  # noqa: E402
 from matplotlib.ticker import FuncFormatter, LogLocator, MaxNLocator, NullFormatter  # noqa: E402
 
 from . import results  # noqa: E402
@@ -42,14 +43,22 @@ def symmetric_norm(values, high=98):
 
 
 def view(frame, polygons):
-    """x and z limits of a section: the line and the region of interest."""
-    if frame.electrodes_x is None:
+    """x and z limits of a section: the region of interest's polygon when the
+    run has one, else the line (remote electrodes are far off it) and the
+    region depth below it."""
+    if frame.roi is not None:
+        (x0, z0), (x1, z1) = frame.roi.min(axis=0), frame.roi.max(axis=0)
+        pad = 0.03 * max(x1 - x0, z1 - z0)
+        return x0 - pad, x1 + pad, z0 - pad, z1 + pad
+    surface = frame.surface()
+    if surface is None or len(surface[0]) == 0 or np.ptp(surface[0]) == 0:
         return polygons[..., 0].min(), polygons[..., 0].max(), polygons[..., 1].min(), polygons[..., 1].max()
-    x0, x1 = frame.electrodes_x.min(), frame.electrodes_x.max()
+    (sx, sz), on = surface, ~frame.remote
+    x0, x1 = sx.min(), sx.max()
     pad = 0.04 * (x1 - x0)
     depth = frame.depth or 0.25 * (x1 - x0)
-    top = frame.electrodes_z.max()
-    return x0 - pad, x1 + pad, frame.electrodes_z.min() - depth * 1.05, top + 0.08 * (x1 - x0) / 4 + 0.5
+    bottom = min(sz.min() - depth * 1.05, frame.electrodes_z[on].min() - pad)
+    return x0 - pad, x1 + pad, bottom, sz.max() + 0.08 * (x1 - x0) / 4 + 0.5
 
 
 def section_figure(model, values, norm, cmap, frame, title, label, shade=None, borehole=None):
@@ -68,9 +77,7 @@ def section_figure(model, values, norm, cmap, frame, title, label, shade=None, b
         veil[:, 3] = shade
         ax.add_collection(PolyCollection(model.polygons, facecolors=veil, edgecolors="none"))
     if frame.electrodes_x is not None:
-        order = np.argsort(frame.electrodes_x)
-        ax.plot(frame.electrodes_x[order], frame.electrodes_z[order], color="black", lw=1.0)
-        ax.plot(frame.electrodes_x, frame.electrodes_z, "v", color="black", ms=4, clip_on=False)
+        draw_electrodes(ax, frame)
     if borehole is not None:
         draw_borehole(ax, frame, *borehole, norm=norm, cmap=cmap, width=0.012 * (x1 - x0))
     ax.set_xlim(x0, x1)
@@ -83,6 +90,18 @@ def section_figure(model, values, norm, cmap, frame, title, label, shade=None, b
     return fig, ax
 
 
+def draw_electrodes(ax, frame):
+    """The ground line with the electrodes on it, and buried electrodes as dots
+    at their places; remote electrodes lie far outside the view."""
+    sx, sz = frame.surface()
+    ax.plot(sx, sz, color="black", lw=1.0)
+    on = ~frame.remote & (frame.electrodes_depth == 0)
+    ax.plot(frame.electrodes_x[on], frame.electrodes_z[on], "v", color="black", ms=4, clip_on=False)
+    buried = ~frame.remote & (frame.electrodes_depth > 0)
+    if buried.any():
+        ax.plot(frame.electrodes_x[buried], frame.electrodes_z[buried], "o", color="black", ms=2.5)
+
+
 def ohm_ticks(bar, norm):
     """Plain numbers at 1, 2, 5 of each decade on a logarithmic colour bar."""
     if isinstance(norm, LogNorm):
@@ -93,7 +112,8 @@ def ohm_ticks(bar, norm):
 
 def draw_borehole(ax, frame, x, z, rho, norm, cmap, width):
     """A borehole log at its place: z is depth below the surface (negative)."""
-    surface = np.interp(x, frame.electrodes_x, frame.electrodes_z) if frame.electrodes_x is not None else 0 * x
+    ground = frame.surface()
+    surface = np.interp(x, *ground) if ground is not None and len(ground[0]) else 0 * x
     order = np.argsort(-z)
     x, z, rho, surface = x[order], z[order], rho[order], surface[order]
     edges = np.concatenate([[z[0] + (z[0] - z[1]) / 2 if len(z) > 1 else z[0] + 0.5],
@@ -108,10 +128,20 @@ def draw_borehole(ax, frame, x, z, rho, norm, cmap, width):
 
 
 def pseudo_positions(frame, a, b, m, n):
-    """Midpoint and pseudo-depth (0.17 of the spread, negative) of readings."""
-    xs = np.array([frame.position(e)[0] for e in (a, b, m, n)])
-    spread = xs.max(axis=0) - xs.min(axis=0)
-    return xs.mean(axis=0), -0.17 * spread
+    """Place of readings on a pseudosection from their electrodes near the
+    line (a remote one is too far to say where the reading looks): the mean
+    x, and a pseudo-depth of 0.17 of their spread (negative). A reading
+    with buried electrodes looks around them: their mean depth."""
+    places = [frame.places(e) for e in (a, b, m, n)]
+    x, depth, remote = (np.array([p[k] for p in places]) for k in range(3))
+    near = ~remote
+    count = near.sum(axis=0)
+    with np.errstate(invalid="ignore", divide="ignore"):
+        mid = np.where(near, x, 0).sum(axis=0) / count
+        sunk = np.where(near, depth, 0).sum(axis=0) / count
+    spread = np.where(near, x, -np.inf).max(axis=0) - np.where(near, x, np.inf).min(axis=0)
+    buried = np.where(near, depth, 0).max(axis=0) > 0
+    return mid, np.where(count > 0, np.where(buried, -sunk, -0.17 * spread), np.nan)
 
 
 def data_figure(frame, table, title, difference=False):
@@ -161,6 +191,45 @@ def misfit_figure(misfits, tolerance=1.0):
     return fig
 
 
+def reciprocal_figure(rec):
+    """Disagreement of reciprocal pairs against their resistance, the bins'
+    spread and the fitted error of one reading, a + b|R|; a discrepancy of
+    two such readings has sqrt(2) times that std."""
+    fig, ax = plt.subplots(figsize=(7, 5), dpi=DPI, layout="constrained")
+    # pairs that agree exactly have no place on logarithmic axes
+    shown = lambda r, d: (np.abs(r)[np.abs(d) > 0], np.abs(d)[np.abs(d) > 0])
+    ax.loglog(*shown(rec["r"], rec["d"]), ".", color="tab:blue", ms=3, alpha=0.6,
+              label=f"{len(rec['r'])} pairs used: |discrepancy|")
+    if len(rec["left_out_r"]):
+        over = f" (over {rec['limit'] * 100:g} %)" if rec.get("limit") is not None else ""
+        ax.loglog(*shown(rec["left_out_r"], rec["left_out_d"]), ".", color="tab:red", ms=4,
+                  label=f"{len(rec['left_out_r'])} pairs left out{over}")
+    if len(rec["bins_r"]):
+        ax.loglog(rec["bins_r"], rec["bins_e"], "s", color="black", ms=5, mfc="none",
+                  label="robust std of one reading per bin")
+    rs = np.concatenate([rec["r"], rec["left_out_r"], rec["bins_r"]])
+    rs = rs[np.isfinite(rs) & (rs > 0)]
+    a, b = rec.get("a"), rec.get("b")
+    if a is not None and b is not None and len(rs):
+        line = np.geomspace(rs.min(), rs.max(), 200)
+        e = a + b * line
+        ax.loglog(line, e, "-", color="black", lw=1.5, label="a + b|R| (one reading)")
+        ax.loglog(line, np.sqrt(2) * e, "--", color="black", lw=1,
+                  label="sqrt(2) (a + b|R|) (a discrepancy)")
+        ax.set_title(f"Reciprocal error: a = {a:.3g} ohm, b = {b * 100:.3g} %")
+    else:
+        ax.set_title("Reciprocal pairs (too few for an error model)")
+    ax.set_xlabel("|R| (ohm)")
+    ax.set_ylabel("|discrepancy| (ohm)")
+    ax.legend(fontsize="small", loc="upper left")
+    return fig
+
+
+def _reciprocal(run_dir, frame, written):
+    if frame.reciprocal is not None:
+        _save(reciprocal_figure(frame.reciprocal), os.path.join(run_dir, "reciprocal.png"), written)
+
+
 def _save(fig, path, written):
     fig.savefig(path)
     plt.close(fig)
@@ -207,6 +276,7 @@ def plot_run(run_dir, borehole=None):
             ax.set_ylabel("pseudo-depth (m)")
             ax.set_title("Forward job: calculated apparent resistivity (flat half-space factor)")
             _save(fig, os.path.join(run_dir, "forward_data.png"), written)
+        _reciprocal(run_dir, frame, written)
         return written
     if not stems:
         raise InputError(run_dir, "holds no model file (fNNN_res.vtk or forward_model.vtk)")
@@ -243,16 +313,20 @@ def plot_run(run_dir, borehole=None):
         misfits, _ = results.read_misfits(misfit_path)
         if misfits:
             _save(misfit_figure(misfits), os.path.join(run_dir, "misfit.png"), written)
+    _reciprocal(run_dir, frame, written)
     return written
 
 
 def _roi(model, frame):
-    """Cells whose centres lie under the line within the region of interest."""
-    c = model.polygons.mean(axis=1)
-    if frame.electrodes_x is None:
+    """Cells whose centres lie within the region of interest: the record's
+    polygon, else under the line down to the region depth."""
+    c = model.centres()
+    if frame.roi is not None:
+        return Path(frame.roi).contains_points(c)
+    ground = frame.surface()
+    if ground is None or len(ground[0]) == 0:
         return np.ones(len(c), bool)
-    x0, x1 = frame.electrodes_x.min(), frame.electrodes_x.max()
-    surface = np.interp(c[:, 0], np.sort(frame.electrodes_x),
-                        frame.electrodes_z[np.argsort(frame.electrodes_x)])
+    x0, x1 = ground[0].min(), ground[0].max()
+    surface = np.interp(c[:, 0], *ground)
     depth = frame.depth or 0.25 * (x1 - x0)
     return (c[:, 0] >= x0) & (c[:, 0] <= x1) & (c[:, 1] >= surface - depth * 1.001)

@@ -19,19 +19,52 @@ class Frame:
     """World coordinates of a run: x = q5 x - x_shift, z = q5 height + datum."""
     x_shift: float = 0.0
     datum: float = 0.0
-    electrodes_x: np.ndarray = None  # world positions of the electrodes
+    electrodes_x: np.ndarray = None  # world positions of the electrodes (a buried one: its own place)
     electrodes_z: np.ndarray = None
     electrode_ids: np.ndarray = None
-    depth: float = None
+    depth: float = None              # depth of the region of interest below the line
     difference: bool = False
     job: str = None
+    remote: np.ndarray = None        # True for an electrode far from the line
+    electrodes_depth: np.ndarray = None  # m below the ground surface (0 on it)
+    roi: np.ndarray = None           # region of interest, closed polygon of world (x, z)
+    mesh: str = "grid"
+    reciprocal: dict = None          # the import's reciprocal pairs and error model
 
-    def position(self, ids):
+    def __post_init__(self):
+        if self.electrode_ids is not None:
+            count = len(self.electrode_ids)
+            if self.remote is None:
+                self.remote = np.zeros(count, bool)
+            if self.electrodes_depth is None:
+                self.electrodes_depth = np.zeros(count)
+
+    def _index(self, ids):
         index = {int(e): k for k, e in enumerate(self.electrode_ids)}
         k = np.array([index.get(int(e), -1) for e in ids])
         if np.any(k < 0):
             raise KeyError(f"electrode {int(np.asarray(ids)[k < 0][0])} is not in the run")
+        return k
+
+    def position(self, ids):
+        k = self._index(ids)
         return self.electrodes_x[k], self.electrodes_z[k]
+
+    def places(self, ids):
+        """x, depth below the surface and remote flag of the given electrodes."""
+        k = self._index(ids)
+        return self.electrodes_x[k], self.electrodes_depth[k], self.remote[k]
+
+    def surface(self):
+        """The ground along the line, sorted by x: the electrodes on it and
+        the ground above the buried ones; remote electrodes are off the line."""
+        if self.electrodes_x is None:
+            return None
+        on = ~self.remote
+        x = self.electrodes_x[on]
+        z = self.electrodes_z[on] + self.electrodes_depth[on]
+        order = np.argsort(x, kind="stable")
+        return x[order], z[order]
 
 
 def read_frame(run_dir):
@@ -40,26 +73,73 @@ def read_frame(run_dir):
     path = os.path.join(run_dir, META)
     if os.path.exists(path):
         try:
-            meta = json.load(open(path))
-            e = meta["electrodes"]
-            return Frame(meta["x_shift"], meta["datum"], np.array(e["x"]), np.array(e["z"]),
-                         np.array(e["id"]), meta.get("depth"), meta.get("difference", False),
-                         meta.get("job"))
-        except (ValueError, KeyError) as err:
+            with open(path) as f:
+                return _frame(json.load(f))
+        except (ValueError, KeyError, TypeError) as err:
             raise InputError(path, f"unreadable record of the import ({err})")
     frame = Frame()
     path = os.path.join(run_dir, "electrodes.dat")
     if os.path.exists(path):
         xyz = np.atleast_2d(np.loadtxt(path))
-        frame.electrodes_x, frame.electrodes_z = xyz[:, 0], xyz[:, 1]
-        frame.electrode_ids = np.arange(1, len(xyz) + 1)
+        frame = Frame(electrodes_x=xyz[:, 0], electrodes_z=xyz[:, 1],
+                      electrode_ids=np.arange(1, len(xyz) + 1))
     return frame
+
+
+def _frame(meta):
+    """A Frame from the record; records older than remote and buried
+    electrodes, triangle meshes and reciprocal pairs lack their keys."""
+    e = meta["electrodes"]
+    ids = np.array(e["id"])
+    column = lambda name, kind: None if e.get(name) is None else _per_electrode(e[name], kind, len(ids), name)
+    roi = meta.get("roi")
+    if roi is not None:
+        roi = np.array(roi, float)
+        if roi.ndim != 2 or roi.shape[1] != 2 or len(roi) < 4:
+            raise ValueError("roi is not a closed polygon of (x, z) points")
+    reciprocal = meta.get("reciprocal")
+    if reciprocal is not None:
+        reciprocal = _reciprocal(reciprocal)
+    return Frame(meta["x_shift"], meta["datum"], _per_electrode(e["x"], float, len(ids), "x"),
+                 _per_electrode(e["z"], float, len(ids), "z"), ids,
+                 meta.get("depth"), meta.get("difference", False), meta.get("job"),
+                 remote=column("remote", bool), electrodes_depth=column("depth", float),
+                 roi=roi, mesh=meta.get("mesh", "grid"), reciprocal=reciprocal)
+
+
+def _reciprocal(table):
+    """The reciprocal entry with its lists as arrays, each pair of lists
+    (pairs, bins, left-out pairs) of one length; a and b are None when the
+    import had too few pairs for an error model."""
+    if not isinstance(table, dict):
+        raise ValueError("reciprocal is neither null nor a table")
+    out = dict(table)
+    for x, y in (("r", "d"), ("bins_r", "bins_e"), ("left_out_r", "left_out_d")):
+        out[x], out[y] = (np.array(table.get(k) or [], float) for k in (x, y))
+        if out[x].shape != out[y].shape or out[x].ndim != 1:
+            raise ValueError(f"reciprocal {x} and {y} differ in length")
+    for k in ("a", "b", "limit"):
+        out[k] = None if table.get(k) is None else float(table[k])
+    return out
+
+
+def _per_electrode(values, kind, count, name):
+    values = np.array(values, kind)
+    if values.shape != (count,):
+        raise ValueError(f"{count} electrodes but {values.size} values of {name}")
+    return values
 
 
 @dataclass
 class Model:
-    polygons: np.ndarray    # cells x corners x 2, world coordinates
+    polygons: np.ndarray    # cells x corners x 2, world coordinates (a triangle repeats its last corner)
     scalars: dict           # name -> value per cell
+
+    def centres(self):
+        """Mean of each cell's corners, a triangle's repeated one counted once."""
+        p = self.polygons
+        triangle = np.all(p[:, -1] == p[:, -2], axis=1)
+        return np.where(triangle[:, None], p[:, :-1].mean(axis=1), p.mean(axis=1))
 
 
 def read_model(path, frame=None):

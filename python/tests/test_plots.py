@@ -15,14 +15,20 @@ FRAME = {"x_shift": 10.0, "datum": 100.0, "depth": 2.0, "difference": False, "jo
          "electrodes": {"id": [1, 2, 3, 4], "x": [0.0, 1.0, 2.0, 3.0], "z": [100.0] * 4}}
 
 
-def vtk(values, sens=None, diff=None):
-    """A 3 x 2 grid of cells in the layout q5 writes (x 10..13, heights 0..-2)."""
+def vtk(values, sens=None, diff=None, triangles=False):
+    """A 3 x 2 grid of cells in the layout q5 writes (x 10..13, heights 0..-2);
+    triangles: each cell cut along its diagonal from top left to bottom right,
+    the upper right triangle first."""
     pts = [(10 + i, -j) for i in range(4) for j in range(3)]
     cells = [(i * 3 + j, i * 3 + j + 3, i * 3 + j + 4, i * 3 + j + 1) for i in range(3) for j in range(2)]
+    if triangles:
+        cells = [t for c in cells for t in (c[:3], (c[0], c[2], c[3]))]
+    size, kind = len(cells[0]), "  5" if triangles else "  9"
     out = ["# vtk DataFile Version 3.0", "Output from Q5", "ASCII", "DATASET UNSTRUCTURED_GRID",
            f"POINTS {len(pts):10d} double"] + [f"{x:12.5f}{y:12.5f}   0." for x, y in pts]
-    out += [f" CELLS {len(cells):10d}{5 * len(cells):10d}"] + ["%10d" * 5 % ((4,) + c) for c in cells]
-    out += [f"CELL_TYPES{len(cells):10d}", "  9" * len(cells), f"POINT_DATA{len(pts):10d}",
+    out += [f" CELLS {len(cells):10d}{(size + 1) * len(cells):10d}"]
+    out += ["%10d" * (size + 1) % ((size,) + c) for c in cells]
+    out += [f"CELL_TYPES{len(cells):10d}", kind * len(cells), f"POINT_DATA{len(pts):10d}",
             f"CELL_DATA{len(cells):10d}"]
     scalars = [("Resistivity(Ohm-m)", values), ("Resistivity(log10)", np.log10(values))]
     if diff is not None:
@@ -151,3 +157,85 @@ def test_difference_section_and_forward_job(run):
     assert sorted(os.path.basename(p) for p in written) == ["forward_data.png", "forward_model.png"]
     t = results.read_forward(fwd / "Q5_forward.dat")
     assert list(t["p1"]) == [2, 3] and list(t["rhoa"]) == [178.44299, 191.97748]
+
+
+# electrodes 5 and 7 remote (far off the line), 6 buried 0.5 m under x = 1.5;
+# the region of interest is the top 0.7 m under the line
+PLACED = dict(FRAME, mesh="triangles", roi=[[0, 100], [3, 100], [3, 99.3], [0, 99.3], [0, 100]],
+              electrodes={"id": [1, 2, 3, 4, 5, 6, 7], "x": [0.0, 1.0, 2.0, 3.0, 500.0, 1.5, -400.0],
+                          "z": [100.0] * 5 + [99.5, 100.0], "remote": [False] * 4 + [True, False, True],
+                          "depth": [0, 0, 0, 0, 0, 0.5, 0]})
+RECIPROCAL = {"a": 0.002, "b": 0.03, "limit": 0.05, "method": "a + b|R| fitted to 3 pairs",
+              "r": [0.01, 0.1, 1.0], "d": [0.003, 0.0, 0.05], "bins_r": [0.1], "bins_e": [0.004],
+              "left_out_r": [0.5], "left_out_d": [0.2]}
+
+
+@pytest.mark.parametrize("quad, x, depth", [
+    ((1, 4, 2, 3), 1.5, -0.51),       # all on the surface: as before
+    ((1, 5, 2, 7), 0.5, -0.17),       # pole-pole: C1 to P1
+    ((1, 5, 3, 4), 5 / 3, -0.51),     # pole-dipole: its three electrodes near the line
+    ((2, 5, 2, 7), 1.0, 0.0),         # what is near the line is one point
+    ((6, 1, 2, 3), 1.125, -0.125),    # a buried electrode: mean depth of the four
+])
+def test_pseudosection_places_of_remote_and_buried_readings(tmp_path, quad, x, depth):
+    write(tmp_path / "q5-import.json", json.dumps(PLACED))
+    frame = results.read_frame(tmp_path)
+    px, pz = plotting.pseudo_positions(frame, *([e] for e in quad))
+    assert (px[0], pz[0]) == pytest.approx((x, depth))
+
+
+def test_remote_buried_electrodes_and_triangles_in_the_region(tmp_path):
+    write(tmp_path / "q5-import.json", json.dumps(PLACED))
+    # the upper right triangle of the first cell is 1000 ohm m, the rest 10
+    write(tmp_path / "f001_res.vtk", vtk([1000.0] + [10.0] * 11, triangles=True))
+    frame = results.read_frame(tmp_path)
+    model = results.read_model(tmp_path / "f001_res.vtk", frame)
+    # both triangles of the top row have their centres (99.67, 99.33) inside
+    keep = plotting._roi(model, frame)
+    assert keep.sum() == 6 and np.all(model.polygons[keep][..., 1].min(axis=1) >= 99)
+    norm, cmap = plotting.LogNorm(10, 1000), plotting.plt.get_cmap(plotting.MODEL_CMAP)
+    fig, ax = plotting.section_figure(model, model.scalars["Resistivity(Ohm-m)"], norm,
+                                      plotting.MODEL_CMAP, frame, "t", "ohm m")
+    x0, x1 = ax.get_xlim()
+    z0, z1 = ax.get_ylim()
+    assert -0.3 < x0 < 0 and 3 < x1 < 3.3 and 99 < z0 < 99.3 and 100 < z1 < 100.3
+    assert np.allclose(pixel(fig, ax, 0.85, 99.85), cmap(norm(1000.0))[:3], atol=0.02)
+    assert np.allclose(pixel(fig, ax, 0.3, 99.4), cmap(norm(10.0))[:3], atol=0.02)
+    assert np.allclose(pixel(fig, ax, 1.5, 99.5), 0, atol=0.1)  # the buried electrode
+    for line in ax.lines:  # nothing drawn toward the remote electrodes
+        assert np.all((line.get_xdata() >= 0) & (line.get_xdata() <= 3))
+    plotting.plt.close("all")
+    written = plotting.plot_run(str(tmp_path))
+    assert sorted(os.path.basename(p) for p in written) == ["f001_model.png"]
+
+
+@pytest.mark.parametrize("observed, log", [([29.7, 0.5], True), ([29.7, -0.5], False)])
+def test_signed_apparent_resistivities_choose_the_scale(run, observed, log):
+    # q5 writes rho_a with its signed factor: a negative reading under a
+    # negative factor is a positive apparent resistivity
+    table = results.read_errors(run / "f001_err.dat")
+    table["observed"] = np.array(observed)
+    fig = plotting.data_figure(results.read_frame(run), table, "t")
+    assert isinstance(fig.axes[0].collections[0].norm, plotting.LogNorm) == log
+    plotting.plt.close("all")
+
+
+def test_reciprocal_picture_and_old_records(run):
+    frame = results.read_frame(run)  # a record from before remote electrodes
+    assert not frame.remote.any() and not frame.electrodes_depth.any()
+    assert (frame.roi, frame.reciprocal, frame.mesh) == (None, None, "grid")
+    fwd = run / "fwd"
+    os.mkdir(fwd)
+    write(fwd / "forward_model.vtk", vtk([100.0] * 6))
+    for where in (run, fwd):
+        write(where / "q5-import.json", json.dumps(dict(FRAME, reciprocal=RECIPROCAL)))
+        assert os.path.join(str(where), "reciprocal.png") in plotting.plot_run(str(where))
+        assert mpimg.imread(where / "reciprocal.png").shape[1] == 7 * plotting.DPI
+    fig = plotting.reciprocal_figure(results.read_frame(run).reciprocal)
+    assert fig.axes[0].get_title() == "Reciprocal error: a = 0.002 ohm, b = 3 %"
+    line = next(l for l in fig.axes[0].lines if l.get_label().startswith("a + b|R|"))
+    assert np.allclose(line.get_ydata(), 0.002 + 0.03 * line.get_xdata())
+    plotting.plt.close("all")
+    bad = dict(FRAME, reciprocal=dict(RECIPROCAL, d=[0.1]))
+    with pytest.raises(results.InputError, match="q5-import.json: unreadable record.*r and d differ"):
+        results.read_frame(os.path.dirname(write(run / "q5-import.json", json.dumps(bad))))
