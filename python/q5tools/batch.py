@@ -31,6 +31,13 @@ A second q5-batch on the same DIR runs only the datasets without a finished
 result. {SEQUENTIAL_NOTE}"""
 
 
+def one_line(e):
+    """'PATH: reason' for a refused input or a path that cannot be used."""
+    if isinstance(e, OSError) and e.filename is not None:
+        return f"{e.filename}: {e.strerror}"
+    return str(e)
+
+
 def count_outcome(progress, ds, outcome):
     """Counts a settled dataset as done or failed, reporting a failure."""
     if outcome["ok"]:
@@ -205,8 +212,8 @@ def main(argv=None):
         engine = make_engine(args, batch_dir, q5)
         datasets = [Dataset(batch_dir, b, inputs) for b in found.blocks]
     except (InputError, OSError) as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
-        return 2
+        print(f"{PROG}: {one_line(e)}", file=sys.stderr)
+        return 1
 
     print(f"{PROG}: {run_dir}: {len(datasets)} dataset(s) in {PROTOCOL}, {layout.describe()}; "
           f"{found.end}")
@@ -249,9 +256,9 @@ def main(argv=None):
             print(f"{PROG}: interrupted; finished datasets are gathered, and {PROG} "
                   f"{args.dir} runs the others", file=sys.stderr)
             return 130
-        except InputError as e:
-            print(f"{PROG}: {e}", file=sys.stderr)
-            return 2
+        except (InputError, OSError) as e:
+            print(f"{PROG}: {one_line(e)}", file=sys.stderr)
+            return 1
         ran = sum(1 for ds in pending if ds.exit_record() is not None)
         if ran == 0 and code != 0:
             print(f"{PROG}: the {engine.name} engine ended with status {code} before any task ran:",

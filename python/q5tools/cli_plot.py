@@ -16,7 +16,9 @@ def main(argv=None):
     try:
         written = plot_run(args.run_dir, borehole=args.borehole)
     except (InputError, OSError) as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
+        # one line, as for every tool: the path and what is wrong with it
+        why = f"{e.filename}: {e.strerror}" if isinstance(e, OSError) and e.filename is not None else str(e)
+        print(f"{PROG}: {why}", file=sys.stderr)
         return 1
     for path in written:
         print(path)

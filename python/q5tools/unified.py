@@ -1,30 +1,37 @@
 """Reader of the unified data format (.ohm, .dat, .data): a sensor block of
-`x z` or `x y z` and a data block whose columns a `#` line names."""
+`x z` or `x y z` and a data block whose columns a `#` line names. Sensor 0
+in a reading is an electrode at infinity."""
 import numpy as np
 
 from .errors import InputError
-from .survey import Survey, flat_geometric_factor
-
-KNOWN = {"a", "b", "m", "n", "r", "rhoa", "k", "u", "i", "err", "ip"}
+from .survey import Survey, attach_remotes
 
 
-def _lines(path):
+def read_lines(path):
+    """The file's non-blank lines as (line number, stripped text)."""
     try:
-        with open(path, encoding="utf-8", errors="replace") as f:
-            for number, text in enumerate(f, 1):
-                yield number, text.strip()
+        with open(path, encoding="utf-8-sig", errors="replace") as f:
+            return [(number, text.strip()) for number, text in enumerate(f, 1) if text.strip()]
     except OSError as e:
         raise InputError(path, f"cannot be read ({e.strerror})")
 
 
-def _count(path, number, text, what):
+def leading_count(text):
+    """The integer that starts a count line ('38# Number of sensors'), or None."""
     head = text.split("#")[0].split()
     if not head:
-        raise InputError(path, f"expected the number of {what}", number)
+        return None
     try:
-        value = int(head[0])
+        return int(head[0])
     except ValueError:
-        raise InputError(path, f"expected the number of {what}, found '{head[0]}'", number)
+        return None
+
+
+def _count(path, number, text, what):
+    value = leading_count(text)
+    if value is None:
+        head = text.split("#")[0].split()
+        raise InputError(path, f"expected the number of {what}" + (f", found '{head[0]}'" if head else ""), number)
     if value < 1:
         raise InputError(path, f"the number of {what} must be at least 1, found {value}", number)
     return value
@@ -44,12 +51,47 @@ def _numbers(path, number, text, width):
         raise InputError(path, f"not a number: {str(e).split(': ')[-1]}", number)
 
 
+def _others_range(v):
+    """For each entry, the least and greatest of the other entries."""
+    order = np.argsort(v, kind="stable")
+    low, high = np.full(len(v), v[order[0]]), np.full(len(v), v[order[-1]])
+    low[order[0]], high[order[-1]] = v[order[1]], v[order[-2]]
+    return low, high
+
+
+def far_sensors(x, z):
+    """Sensors standing far from the line: each farther from every other
+    sensor than the line of the others is long (the diagonal of the box
+    around them), with at least three others. Found one at a time, so that
+    a far sensor does not stretch the line that judges the next."""
+    far = np.zeros(len(x), bool)
+    while np.count_nonzero(~far) >= 4:
+        keep = np.flatnonzero(~far)
+        px, pz = x[keep], z[keep]
+        (xlo, xhi), (zlo, zhi) = _others_range(px), _others_range(pz)
+        length = np.hypot(xhi - xlo, zhi - zlo)
+        # the farthest corner of the others' box is no nearer than the nearest of them
+        corner = np.hypot(np.maximum(abs(px - xlo), abs(px - xhi)), np.maximum(abs(pz - zlo), abs(pz - zhi)))
+        found = None
+        for i in np.flatnonzero(corner > length):
+            gap = np.hypot(px - px[i], pz - pz[i])
+            gap[i] = np.inf
+            if gap.min() > length[i]:
+                found = keep[i]
+                break
+        if found is None:
+            break
+        far[found] = True
+    return far
+
+
 def read_unified(path):
     """Read a unified-format file; returns a Survey with resistances in ohm."""
-    lines = [(k, t) for k, t in _lines(path) if t]
+    lines = read_lines(path)
     pos = 0
 
     def take(what):
+        # counts are only believed as far as the lines go: nothing is sized by them
         nonlocal pos
         if pos >= len(lines):
             raise InputError(path, f"ends before the {what}")
@@ -64,13 +106,16 @@ def read_unified(path):
     if pos < len(lines) and lines[pos][1].startswith("#"):
         names = [s.lower() for s in _names(take("sensor columns")[1])]
     if "x" not in names:
-        raise InputError(path, f"the sensor columns {' '.join(names)} name no x", lines[pos - 1][0])
+        raise InputError(path, f"the sensor columns {' '.join(names) or '(none)'} name no x", lines[pos - 1][0])
+    xcol = names.index("x")
     zcol = names.index("z") if "z" in names else None
     xs, zs = [], []
     for _ in range(n_sensors):
         number, text = take(f"{n_sensors} sensor lines")
         values = _numbers(path, number, text, len(names))
-        xs.append(values[names.index("x")])
+        if not np.all(np.isfinite(values)):
+            raise InputError(path, "a sensor position is not a finite number", number)
+        xs.append(values[xcol])
         zs.append(values[zcol] if zcol is not None else 0.0)
 
     number, text = take("number of data")
@@ -82,47 +127,62 @@ def read_unified(path):
     lower = [c.lower() for c in columns]
     for need in "abmn":
         if need not in lower:
-            raise InputError(path, f"the data columns {' '.join(columns)} lack '{need}'", number)
+            raise InputError(path, f"the data columns {' '.join(columns) or '(none)'} lack '{need}'", number)
     rows, where = [], []
     for _ in range(n_data):
         number, text = take(f"{n_data} data lines")
         rows.append(_numbers(path, number, text, len(columns)))
         where.append(number)
-    data = {c: np.array([row[k] for row in rows]) for k, c in enumerate(lower)}
+    table = np.array(rows)
+    data = {c: table[:, k] for k, c in enumerate(lower)}
 
-    ids = np.arange(1, n_sensors + 1)
     quad = {}
     for c in "abmn":
         v = data[c]
-        for k in range(len(v)):
-            if v[k] != int(v[k]) or not 1 <= v[k] <= n_sensors:
-                what = "a remote electrode (0)" if v[k] == 0 else f"{v[k]:g}"
-                raise InputError(path, f"electrode {c} is {what}; sensors are numbered 1 to {n_sensors}", where[k])
+        bad = ~np.isfinite(v) | (v != np.round(v)) | (v < 0) | (v > n_sensors)
+        if bad.any():
+            k = int(np.argmax(bad))
+            raise InputError(path, f"electrode {c} is {v[k]:g}; sensors are numbered 1 to {n_sensors}"
+                             " (0 for a remote electrode)", where[k])
         quad[c] = v.astype(int)
-    x, z = np.array(xs), np.array(zs)
-    survey = Survey(path=str(path), ids=ids, x=x, z=z, a=quad["a"], b=quad["b"],
-                    m=quad["m"], n=quad["n"], r=None, lines=np.array(where))
+    ids, x, z, remote, a, b, m, n = attach_remotes(np.arange(1, n_sensors + 1), xs, zs,
+                                                  *(quad[c] for c in "abmn"))
     for k in range(n_data):
-        electrodes = {quad[c][k] for c in "abmn"}
-        if len(electrodes) < 4:
+        if len({a[k], b[k], m[k], n[k]}) < 4:
             raise InputError(path, "a reading uses one electrode twice", where[k])
+    survey = Survey(path=str(path), ids=ids, x=x, z=z, a=a, b=b, m=m, n=n, r=None, remote=remote,
+                    lines=np.array(where))
+    for role, pair in (("current", "ab"), ("potential", "mn")):
+        if any(np.any(quad[c] == 0) for c in pair):
+            survey.notes.append(f"remote {role} electrode: electrode 0 in {' or '.join(pair)}")
+    placed = ~remote
+    far = far_sensors(x[placed], z[placed])
+    for k in np.flatnonzero(far):
+        survey.notes.append(f"sensor {ids[placed][k]} at x = {x[placed][k]:g} m, z = {z[placed][k]:g} m"
+                            " stands far from the line: taken as a remote electrode")
+    survey.remote[np.flatnonzero(placed)[far]] = True
 
-    if "r" in data:
-        survey.r = data["r"]
-    elif "u" in data and "i" in data:
-        survey.r = data["u"] / data["i"]
-        survey.notes.append("transfer resistance from u / i")
-    elif "rhoa" in data and "k" in data:
-        survey.r = data["rhoa"] / data["k"]
-        survey.notes.append("transfer resistance from rhoa / k")
-    elif "rhoa" in data:
-        g = [survey.positions(quad[c]) for c in "abmn"]
-        k = flat_geometric_factor(*g[0], *g[1], *g[2], *g[3])
-        survey.r = data["rhoa"] / k
-        survey.notes.append("transfer resistance from rhoa with the flat half-space factor")
-    else:
-        raise InputError(path, "the data give none of R, u and i, or rhoa", where[0] - 1)
+    if "k" in data:
+        survey.k = np.where(np.isfinite(data["k"]), data["k"], np.nan)
+    with np.errstate(divide="ignore", invalid="ignore"):
+        if "r" in data:
+            r = data["r"]
+        elif "u" in data and "i" in data:
+            r = data["u"] / data["i"]
+            survey.notes.append("transfer resistance from u / i")
+        elif "rhoa" in data and "k" in data:
+            r = data["rhoa"] / data["k"]
+            survey.notes.append("transfer resistance from rhoa / k")
+        elif "rhoa" in data:
+            r = data["rhoa"] / survey.factor()
+            survey.notes.append("transfer resistance from rhoa with the half-space factor")
+        else:
+            raise InputError(path, "the data give none of R, u and i, or rhoa", where[0] - 1)
+    survey.r = np.where(np.isfinite(r), r, np.nan)
     if "err" in data:
+        bad = ~np.isfinite(data["err"])
+        if bad.any():
+            raise InputError(path, "the error err is not a finite number", where[int(np.argmax(bad))])
         survey.rel_err = np.abs(data["err"])
         survey.err_source = "err"
     return survey

@@ -303,6 +303,6 @@ def test_hosts_file_through_parallel(tmp_path, resistances):
 def test_refused_runs(tmp_path, text, words):
     run = make_run(tmp_path / "run", text, "1\n1 1 2 3 4 1.0\n")
     done = batch(run)
-    assert done.returncode == 2 and not os.path.exists(run / "batch")
+    assert done.returncode == 1 and not os.path.exists(run / "batch")
     assert done.stderr.startswith(f"q5-batch: {run / 'Q5.in'} line ") and words in done.stderr
     assert done.stderr.count("\n") == 1
