@@ -4,7 +4,7 @@ import argparse
 import sys
 
 from . import geometry
-from .errors import InputError
+from .errors import InputError, one_line
 from .importer import import_run
 
 PROG = "q5-import"
@@ -92,7 +92,7 @@ def main(argv=None):
     try:
         meta, lines = import_run(args.files, args.output, options(args), force=args.force)
     except (InputError, OSError) as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
+        print(f"{PROG}: {one_line(e)}", file=sys.stderr)
         return 1
     for line in lines:
         print(line)

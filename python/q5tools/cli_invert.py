@@ -9,7 +9,7 @@ import tempfile
 import time
 
 from .cli_import import add_import_options, options
-from .errors import InputError
+from .errors import InputError, one_line
 from .locate import find_q5
 from .importer import import_run
 
@@ -77,8 +77,8 @@ def main(argv=None):
         if args.reference:
             written += plot_run(os.path.join(out, "reference"), borehole=args.borehole)
         t3 = time.time()
-    except InputError as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
+    except (InputError, OSError) as e:
+        print(f"{PROG}: {one_line(e)}", file=sys.stderr)
         return 1
     finally:
         if reference_dir and os.path.exists(reference_dir):

@@ -103,8 +103,8 @@ def test_unusable_combinations(tmp_path):
         assert not os.path.exists(tmp_path / "out")
     stacked = write(tmp_path / "stacked.dat", HEAD.replace("1 0", "0 -1") + "1\n#a b m n R\n1 4 2 3 1\n")
     with pytest.raises(InputError) as err:
-        import_run([stacked], tmp_path / "out", {})
-    assert str(err.value) == f"{stacked}: two electrodes stand at x = 0 m; the grid needs one electrode per column"
+        import_run([stacked], tmp_path / "out", {"mesh": "grid"})
+    assert str(err.value) == f"{stacked}: buried electrodes need --mesh triangles: a grid puts every electrode on the surface"
 
 
 def test_command_line_failure_leaves_nothing(tmp_path):
@@ -122,7 +122,7 @@ def test_command_line_failure_leaves_nothing(tmp_path):
     assert done.returncode == 1 and "exists and is not empty" in done.stderr
     assert os.listdir(out) == ["mine.txt"]
     done = tool("q5-import", good, "-o", out, "--force")
-    assert done.returncode == 0 and sorted(os.listdir(out)) == ["Q5.in", "protocol.dat", "q5-import.json"]
+    assert done.returncode == 0 and sorted(os.listdir(out)) == ["Q5.in", "mesh.dat", "protocol.dat", "q5-import.json"]
     assert sorted(os.listdir(tmp_path)) == ["good.dat", "run", "slag.ohm"]
     done = tool("q5-plot", tmp_path / "nothing-here")
     assert done.returncode == 1 and done.stderr.startswith("q5-plot: ")
@@ -148,17 +148,17 @@ def test_screening_counts_and_reports(tmp_path):
     text = HEAD + ("6\n#a b m n R\n"
                    "1 4 2 3 0.5\n"      # kept
                    "1 4 2 3 0.7\n"      # the same quadrupole again
-                   "2 3 1 4 0.45\n"     # again, reciprocal
+                   "2 3 1 4 0.48\n"     # its reciprocal: the pair's mean is the datum
                    "1 2 3 4 0\n"        # zero
-                   "1 2 3 4 -0.2\n"     # negative, for log data
+                   "1 2 3 4 -0.2\n"     # negative, as its factor is: kept
                    "1 3 2 4 nan\n")     # not a number
     path = write(tmp_path / "s.dat", text)
     meta, lines = import_run([path], tmp_path / "log", {})
-    assert meta["readings"] == [1]
-    assert f"{path}: 1 readings kept, 5 left out (1 zero, 1 negative, 1 not a number, 2 repeated)" in lines
-    assert "  repeated: lines 10, 11" in lines and "  zero: line 12" in lines
+    assert meta["readings"] == [2]
+    assert f"{path}: 2 readings kept, 3 left out (1 not a number, 1 zero, 1 repeated)" in lines
+    assert "  repeated: line 10" in lines and "  zero: line 12" in lines
     meta, lines = import_run([path], tmp_path / "true", {"data": "true"})
     assert meta["readings"] == [2]
     protocol = open(tmp_path / "true" / "protocol.dat").read().split("\n")
     # number, P+ = m, P- = n, C+ = a, C- = b, resistance, error (3 %)
-    assert protocol[:3] == ["2", "1 2 3 1 4 0.5", "2 3 4 1 2 -0.2"]
+    assert protocol[:3] == ["2", "1 2 3 1 4 0.49", "2 3 4 1 2 -0.2"]
