@@ -267,7 +267,7 @@ def read_borehole(path):
     negative number or a positive depth)."""
     try:
         table = np.loadtxt(path, ndmin=2)
-    except (OSError, ValueError) as e:
+    except ValueError as e:
         raise InputError(path, f"expected lines of x z rho ({e})")
     if table.shape[1] < 3:
         raise InputError(path, f"expected 3 columns, found {table.shape[1]}", 1)

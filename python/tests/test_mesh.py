@@ -10,7 +10,8 @@ from conftest import field, forward_resistances, relative_errors, tool, write
 from q5tools import control, geometry, trimesh
 from q5tools.grid import build_grid
 from q5tools.readers import read_survey
-from q5tools.survey import halfspace_factor
+from q5tools.options import ImportOptions
+from q5tools.survey import Survey
 
 
 def _line(n, spacing=1.0):
@@ -34,8 +35,8 @@ def _import(tmp_path, text, *options):
 
 def test_slagdump_grid_follows_the_electrodes():
     s = read_survey(field("slagdump", "slagdump.ohm"))
-    lay = geometry.layout(s)
-    g = build_grid(lay, s.x, s.z, s.remote)
+    lay = geometry.layout(s, None, ImportOptions.boundary)
+    g = build_grid(lay, s.x, s.z, s.remote, ImportOptions())
     cols = g.electrode_columns
     # every electrode on its own column, four cells apart, x back in the world frame
     assert np.array_equal(np.diff(cols), np.full(37, 4))
@@ -66,12 +67,14 @@ def test_q5_factor_is_the_half_space_factor_on_a_flat_line():
     # Wenner a = 2 m: 2 pi a; dipole-dipole a = 2 m, n = 2: pi n (n + 1) (n + 2) a
     assert control.q5_factor(x, y, 0, 3, 1, 2) == pytest.approx(2 * np.pi * 2, rel=1e-9)
     assert control.q5_factor(x, y, 1, 0, 3, 4) == pytest.approx(np.pi * 2 * 3 * 4 * 2, rel=1e-9)
-    place = lambda k, d=0.0: (np.array([x[k]]), np.array([-d]), np.array([d]))
-    assert halfspace_factor(place(0), place(3), place(1), place(2))[0] == pytest.approx(4 * np.pi, rel=1e-12)
+    one = lambda xs, depth, quad: Survey("s", np.arange(1, 5), np.array(xs, float), -np.array(depth, float),
+                                         *(np.array([e]) for e in quad), np.ones(1), depth=np.array(depth, float),
+                                         remote=np.isnan(xs)).factor()[0]
+    assert one([0, 2, 4, 6], [0] * 4, (1, 4, 2, 3)) == pytest.approx(4 * np.pi, rel=1e-12)
     # a buried pair: 1 / (1/r + 1/r') with r' the image distance, times 4 pi
     r, ri = 2.0, np.hypot(2.0, 6.0)
-    k = halfspace_factor(place(0, 3), (np.array([np.nan]),) * 3, place(1, 3), (np.array([np.nan]),) * 3)
-    assert k[0] == pytest.approx(4 * np.pi / (1 / r + 1 / ri), rel=1e-12)
+    k = one([0, np.nan, 2, np.nan], [3, 0, 3, 0], (1, 2, 3, 4))
+    assert k == pytest.approx(4 * np.pi / (1 / r + 1 / ri), rel=1e-12)
 
 
 @pytest.mark.parametrize("mesh", ["triangles", "grid"])
@@ -133,7 +136,7 @@ def test_borehole_panel_stands_on_nodes_at_its_depths(tmp_path):
 
 def test_pinned_node_lies_on_the_far_boundary():
     s = read_survey(field("mulda-hillslope", "data", "MuldaA-2008-05-09.data"))
-    lay = geometry.layout(s)
+    lay = geometry.layout(s, None, ImportOptions.boundary)
     tm = trimesh.build_trimesh(lay, s.x, s.z, s.remote, 0.125)
     q5m, x_shift, pin = trimesh.q5_frame(tm, lay, ~s.remote)
     x, z = q5m.x[pin - 1] - x_shift, q5m.z[pin - 1] + lay.datum

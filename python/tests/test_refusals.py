@@ -8,6 +8,7 @@ import pytest
 from conftest import tool, write
 from q5tools.errors import InputError
 from q5tools.importer import import_run
+from q5tools.options import ImportOptions
 from q5tools.readers import read_survey
 
 HEAD = "4# sensors\n#x\tz\n0 0\n1 0\n2 0\n3 0\n"
@@ -79,10 +80,9 @@ def test_refused_spacing(tmp_path, text, options, message):
 
 
 def test_unreadable_paths(tmp_path):
-    for path, reason in [(tmp_path / "missing.dat", "No such file or directory"), (tmp_path, "Is a directory")]:
-        with pytest.raises(InputError) as err:
+    for path, kind in [(tmp_path / "missing.dat", FileNotFoundError), (tmp_path, IsADirectoryError)]:
+        with pytest.raises(kind):
             read_survey(path)
-        assert str(err.value) == f"{path}: cannot be read ({reason})"
 
 
 def test_unusable_combinations(tmp_path):
@@ -98,12 +98,12 @@ def test_unusable_combinations(tmp_path):
     ]
     for files, opts, message in cases:
         with pytest.raises(InputError) as err:
-            import_run(files, tmp_path / "out", opts)
+            import_run(files, tmp_path / "out", ImportOptions(**opts))
         assert message in str(err.value)
         assert not os.path.exists(tmp_path / "out")
     stacked = write(tmp_path / "stacked.dat", HEAD.replace("1 0", "0 -1") + "1\n#a b m n R\n1 4 2 3 1\n")
     with pytest.raises(InputError) as err:
-        import_run([stacked], tmp_path / "out", {"mesh": "grid"})
+        import_run([stacked], tmp_path / "out", ImportOptions(mesh="grid"))
     assert str(err.value) == f"{stacked}: buried electrodes need --mesh triangles: a grid puts every electrode on the surface"
 
 
@@ -153,11 +153,11 @@ def test_screening_counts_and_reports(tmp_path):
                    "1 2 3 4 -0.2\n"     # negative, as its factor is: kept
                    "1 3 2 4 nan\n")     # not a number
     path = write(tmp_path / "s.dat", text)
-    meta, lines = import_run([path], tmp_path / "log", {})
+    meta, lines = import_run([path], tmp_path / "log", ImportOptions())
     assert meta["readings"] == [2]
     assert f"{path}: 2 readings kept, 3 left out (1 not a number, 1 zero, 1 repeated)" in lines
     assert "  repeated: line 10" in lines and "  zero: line 12" in lines
-    meta, lines = import_run([path], tmp_path / "true", {"data": "true"})
+    meta, lines = import_run([path], tmp_path / "true", ImportOptions(data="true"))
     assert meta["readings"] == [2]
     protocol = open(tmp_path / "true" / "protocol.dat").read().split("\n")
     # number, P+ = m, P- = n, C+ = a, C- = b, resistance, error (3 %)

@@ -285,5 +285,5 @@ def test_looks_like_res2dinv_unreadable(tmp_path):
     assert not looks_like_res2dinv(tmp_path / "missing.dat")
     assert not looks_like_res2dinv(tmp_path)
     assert not looks_like_res2dinv(tmp_path / "bin.dat")
-    with pytest.raises(InputError, match="cannot be read"):
+    with pytest.raises(FileNotFoundError):
         read_res2dinv(tmp_path / "missing.dat")

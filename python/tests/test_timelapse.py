@@ -6,6 +6,7 @@ import numpy as np
 
 from conftest import field, write
 from q5tools.importer import import_run, read_survey
+from q5tools.options import ImportOptions
 
 MULDA = ["2008-05-09", "2008-07-15", "2008-09-16"]
 
@@ -22,7 +23,7 @@ def blocks(path):
 
 def test_surveys_become_blocks(tmp_path):
     files = [field("mulda-hillslope", "data", f"MuldaA-{d}.data") for d in MULDA]
-    meta, _ = import_run(files, tmp_path / "run", {})
+    meta, _ = import_run(files, tmp_path / "run", ImportOptions())
     got = blocks(tmp_path / "run" / "protocol.dat")
     assert [len(b) for b in got] == meta["readings"] == [784, 784, 784]
     for f, block in zip(files, got):
@@ -39,7 +40,7 @@ def test_difference_run_matches_reference_by_quadrupole(tmp_path):
     ref = field("mulda-hillslope", "data", f"MuldaA-{MULDA[0]}.data")
     later = field("mulda-hillslope", "data", f"MuldaA-{MULDA[1]}.data")
     r0, r1 = read_survey(ref), read_survey(later)
-    meta, lines = import_run([later], tmp_path / "run", {"reference": ref})
+    meta, lines = import_run([later], tmp_path / "run", ImportOptions(reference=ref))
     (block,) = blocks(tmp_path / "run" / "protocol.dat")
     assert len(block) == 784 and all(len(l) == 8 for l in block)
     assert np.allclose([float(l[6]) for l in block], r0.r, rtol=1e-7)
@@ -61,7 +62,7 @@ def test_difference_run_matches_reference_by_quadrupole(tmp_path):
     body = turned + recip + extra
     path = write(tmp_path / "odd.data", "\n".join(text[:head - 1] + [f"{len(body)}# Number of data", text[head]]
                                                   + ["\t".join(r) for r in body]) + "\n")
-    meta, lines = import_run([path], tmp_path / "odd", {"reference": ref})
+    meta, lines = import_run([path], tmp_path / "odd", ImportOptions(reference=ref))
     (block,) = blocks(tmp_path / "odd" / "protocol.dat")
     assert meta["readings"] == [5]
     assert any("1 left out (1 not in the reference)" in l for l in lines)
