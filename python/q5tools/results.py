@@ -266,7 +266,8 @@ def read_borehole(path):
     """A borehole log of lines `x z rho` (z: depth below the surface, as a
     negative number or a positive depth)."""
     try:
-        table = np.loadtxt(path, ndmin=2)
+        with open(path) as f:
+            table = np.loadtxt(f, ndmin=2)
     except ValueError as e:
         raise InputError(path, f"expected lines of x z rho ({e})")
     if table.shape[1] < 3:
