@@ -46,10 +46,6 @@ class Frame:
             raise KeyError(f"electrode {int(np.asarray(ids)[k < 0][0])} is not in the run")
         return k
 
-    def position(self, ids):
-        k = self._index(ids)
-        return self.electrodes_x[k], self.electrodes_z[k]
-
     def places(self, ids):
         """x, depth below the surface and remote flag of the given electrodes."""
         k = self._index(ids)

@@ -56,11 +56,6 @@ class Survey:
         where = {int(e): k for k, e in enumerate(self.ids)}
         return np.array([where[int(e)] for e in numbers], int)
 
-    def positions(self, numbers):
-        """x, z of the given electrode numbers."""
-        k = self.index(numbers)
-        return self.x[k], self.z[k]
-
     def places(self, numbers):
         """x, z and depth below the surface of the given electrode numbers."""
         k = self.index(numbers)

@@ -138,8 +138,7 @@ def control(job=1, model=f"1\n1 {ELEMENTS} 90", reg_mode=0, errors=(0, 0.01), it
 
 @pytest.fixture(scope="session")
 def resistances(tmp_path_factory):
-    """Transfer resistances of QUADS over 100 ohm m with a 20 ohm m block,
-    from q5's own forward job."""
+    """Transfer resistances of QUADS over 100 ohm m with a 20 ohm m block, from q5's own forward job."""
     d = tmp_path_factory.mktemp("forward")
     write(d / "Q5.in", control(job=0, model=f"2\n1 {ELEMENTS} 100\n{8 * 7 + 2} {8 * 7 + 5} 20", res_calc=0))
     write(d / "protocol.dat", f"{len(QUADS)}\n" + "".join(f"{k} {m} {n} {a} {b}\n"
