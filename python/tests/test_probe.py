@@ -53,7 +53,8 @@ def random_mutants(text, rng, count):
             yield f"token {t.group()!r} at byte {t.start()} -> {new!r}", text[:t.start()] + new + text[t.end():]
         elif how in (1, 2):
             k = rng.randrange(len(lines))
-            yield f"line {k + 1} {'deleted' if how == 1 else 'doubled'}", "".join(lines[:k + how - 1] + lines[k + 2 - how:])
+            kept = lines[:k] + lines[k + 1:] if how == 1 else lines[:k + 1] + lines[k:]
+            yield f"line {k + 1} {'deleted' if how == 1 else 'doubled'}", "".join(kept)
         else:
             cut = rng.randrange(len(text))
             yield f"cut at byte {cut}", text[:cut]
