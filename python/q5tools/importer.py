@@ -181,7 +181,7 @@ def _median_rho(survey):
     return float(np.median(good)) if len(good) else ImportOptions.UNIFORM_RHO
 
 
-def _error_weights(kind, model, screened, opts, lines):
+def _error_weights(kind, model, screened, lines):
     """q5's a_wgt and b_wgt for the error model chosen."""
     if kind == "relative":
         return 0.0, model
@@ -247,7 +247,7 @@ def prepare(files, opts):
                              f" raises them to 0.001 ohm (up to {worst:.0f} % of the reading)")
         blocks.append(block)
 
-    a_wgt, b_wgt = _error_weights(error_kind, error_model, screened, opts, lines)
+    a_wgt, b_wgt = _error_weights(error_kind, error_model, screened, lines)
     # a forward job writes no inverse settings: its record keeps the defaults
     inverse = ImportOptions() if forward else opts
     rho_min, rho_max = (None, None) if forward else control.accepted_range(np.concatenate(rhos))
