@@ -1,7 +1,6 @@
 """q5-batch DIR: the datasets of one inverse run, each run by q5 on its own
 through GNU parallel or a Slurm job array, gathered into DIR under the names
 one q5 run over the whole protocol.dat gives them."""
-import argparse
 import fcntl
 import glob
 import os
@@ -11,8 +10,10 @@ import time
 from .batch_dirs import BATCH, Dataset, Inputs, dir_name, stem, write_file
 from .batch_engines import ParallelEngine, SlurmEngine, write_runner
 from .batch_report import judge, log_tail, summary_table, write_reports
+from .cli import Parser, command
 from .errors import InputError
 from .locate import find_q5
+from .options import BatchOptions, add_options, from_args
 from .runlayout import PROTOCOL, cut_blocks, read_layout
 
 PROG = "q5-batch"
@@ -29,13 +30,6 @@ DIR/batch/NNN/, where its Q5.out, fort.18 and fort.19 stay; DIR/Q5.out gets
 every dataset's log in dataset order and DIR/batch/summary.csv the summary.
 A second q5-batch on the same DIR runs only the datasets without a finished
 result. {SEQUENTIAL_NOTE}"""
-
-
-def one_line(e):
-    """'PATH: reason' for a refused input or a path that cannot be used."""
-    if isinstance(e, OSError) and e.filename is not None:
-        return f"{e.filename}: {e.strerror}"
-    return str(e)
 
 
 def count_outcome(progress, ds, outcome):
@@ -133,19 +127,19 @@ def settle(ds, run_dir):
     return outcome
 
 
-def make_engine(args, batch_dir, q5):
-    jobs = args.jobs
-    if args.engine == "slurm":
-        if args.hosts:
-            raise InputError(args.hosts, "--hosts belongs to the parallel engine; "
+def make_engine(opts, batch_dir, q5):
+    jobs = opts.jobs
+    if opts.engine == "slurm":
+        if opts.hosts:
+            raise InputError(opts.hosts, "--hosts belongs to the parallel engine; "
                              "Slurm chooses the nodes")
-        return SlurmEngine(batch_dir, q5, jobs, args.sbatch_args)
-    if args.sbatch_args:
+        return SlurmEngine(batch_dir, q5, jobs, opts.sbatch_args)
+    if opts.sbatch_args:
         raise InputError("--sbatch-args", "belongs to the slurm engine")
-    if args.hosts:
-        if not os.path.isfile(args.hosts):
-            raise InputError(args.hosts, "not found")
-        return ParallelEngine(batch_dir, q5, jobs, os.path.abspath(args.hosts))
+    if opts.hosts:
+        if not os.path.isfile(opts.hosts):
+            raise InputError(opts.hosts, "not found")
+        return ParallelEngine(batch_dir, q5, jobs, os.path.abspath(opts.hosts))
     return ParallelEngine(batch_dir, q5, jobs or os.cpu_count() or 1)
 
 
@@ -176,44 +170,31 @@ def run_engine(engine, pending, run_dir, progress, outcomes):
     return code
 
 
+@command(PROG)
 def main(argv=None):
-    p = argparse.ArgumentParser(prog=PROG, description=DESCRIPTION)
+    p = Parser(prog=PROG, description=DESCRIPTION)
     p.add_argument("dir", metavar="DIR", help="run directory with Q5.in and protocol.dat (an inverse job)")
-    p.add_argument("-j", "--jobs", type=int, metavar="N",
-                   help="datasets running at a time (parallel: default all cores, per host with "
-                        "--hosts; slurm: the array's %%N limit, default none)")
-    p.add_argument("--engine", choices=["parallel", "slurm"], default="parallel",
-                   help="GNU parallel (default) or a Slurm job array")
-    p.add_argument("--hosts", metavar="FILE",
-                   help="parallel: run on the ssh hosts of FILE (GNU parallel's --sshloginfile; "
-                        "':' is this machine); DIR and q5 must have the same paths there")
-    p.add_argument("--sbatch-args", metavar="ARGS", default="",
-                   help='slurm: further sbatch options, e.g. "--partition=long --time=2:00:00 --account=geo"')
-    p.add_argument("--q5", metavar="PATH", help="the q5 program (default: beside q5-batch, the source tree's build/q5, else on PATH)")
+    add_options(p, BatchOptions)
     args = p.parse_args(argv)
-    if args.jobs is not None and args.jobs < 1:
+    opts = from_args(BatchOptions, args)
+    if opts.jobs is not None and opts.jobs < 1:
         p.error("-j needs a positive number")
-    lock = None
+    run_dir = os.path.abspath(args.dir)
+    if not os.path.isdir(run_dir):
+        raise InputError(args.dir, "is not a directory")
+    layout = read_layout(run_dir)
+    found = cut_blocks(os.path.join(run_dir, PROTOCOL), layout.items)
+    q5 = find_q5(opts.q5, PROG)
+    inputs = Inputs(run_dir, layout)
+    batch_dir = os.path.join(run_dir, BATCH)
+    os.makedirs(batch_dir, exist_ok=True)
+    lock = open(os.path.join(batch_dir, "q5-batch.lock"), "w")
     try:
-        run_dir = os.path.abspath(args.dir)
-        if not os.path.isdir(run_dir):
-            raise InputError(args.dir, "is not a directory")
-        layout = read_layout(run_dir)
-        found = cut_blocks(os.path.join(run_dir, PROTOCOL), layout.items)
-        q5 = find_q5(args.q5, PROG)
-        inputs = Inputs(run_dir, layout)
-        batch_dir = os.path.join(run_dir, BATCH)
-        os.makedirs(batch_dir, exist_ok=True)
-        lock = open(os.path.join(batch_dir, "q5-batch.lock"), "w")
-        try:
-            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        except OSError:
-            raise InputError(batch_dir, "another q5-batch is working on this run")
-        engine = make_engine(args, batch_dir, q5)
-        datasets = [Dataset(batch_dir, b, inputs) for b in found.blocks]
-    except (InputError, OSError) as e:
-        print(f"{PROG}: {one_line(e)}", file=sys.stderr)
-        return 1
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except OSError:
+        raise InputError(batch_dir, "another q5-batch is working on this run")
+    engine = make_engine(opts, batch_dir, q5)
+    datasets = [Dataset(batch_dir, b, inputs) for b in found.blocks]
 
     print(f"{PROG}: {run_dir}: {len(datasets)} dataset(s) in {PROTOCOL}, {layout.describe()}; "
           f"{found.end}")
@@ -256,9 +237,6 @@ def main(argv=None):
             print(f"{PROG}: interrupted; finished datasets are gathered, and {PROG} "
                   f"{args.dir} runs the others", file=sys.stderr)
             return 130
-        except (InputError, OSError) as e:
-            print(f"{PROG}: {one_line(e)}", file=sys.stderr)
-            return 1
         ran = sum(1 for ds in pending if ds.exit_record() is not None)
         if ran == 0 and code != 0:
             print(f"{PROG}: the {engine.name} engine ended with status {code} before any task ran:",

@@ -1,11 +1,9 @@
 """Screening of readings before a run: what q5 cannot use, or should not get
 twice, is left out and counted."""
-from dataclasses import replace
-
 import numpy as np
 
 from . import reciprocal
-from .survey import halfspace_sum, quadrupole_key
+from .survey import quadrupole_key
 
 
 def polarity(survey):
@@ -16,7 +14,7 @@ def polarity(survey):
     buried electrode lets the half-space formula promise its sign."""
     if survey.k is not None:
         return np.where(np.isfinite(survey.k), np.sign(survey.k) * np.sign(survey.r), 0)
-    g, size = halfspace_sum(*(survey.places(v) for v in (survey.a, survey.b, survey.m, survey.n)))
+    g, size = survey.halfspace()
     return np.where(np.abs(g) >= 0.02 * size, np.sign(g) * np.sign(survey.r), 0)
 
 
@@ -60,7 +58,7 @@ def merge_pairs(survey, pairing, limit, report):
     reason in the report. Returns the survey and the pairs kept."""
     if not len(pairing):
         return survey, pairing
-    ok = reciprocal.apply_limit(pairing, limit)
+    ok = reciprocal.apply_limit(pairing.mean, pairing.discrepancy, limit)
     out = np.ones(len(survey), bool)
     out[pairing.second] = False
     out[pairing.first[~ok]] = False
@@ -69,14 +67,16 @@ def merge_pairs(survey, pairing, limit, report):
         report[f"reciprocal discrepancy over {limit * 100:g} %"] = sorted(int(v) for v in survey.lines[bad])
     r = survey.r.copy()
     r[pairing.first[ok]] = pairing.mean[ok]
-    merged = replace(survey, r=r)
-    if merged.rel_err is not None:
-        rel = merged.rel_err.copy()
+    rel = survey.rel_err
+    if rel is not None:
+        rel = rel.copy()
         rel[pairing.first] = 0.5 * (rel[pairing.first] + rel[pairing.second])
-        merged.rel_err = rel
+    merged = survey.select(out)   # keeps the geometric factors worked out for the screening
+    merged.r = r[out]
+    merged.rel_err = None if rel is None else rel[out]
     kept = reciprocal.Pairing(pairing.first[ok], pairing.second[ok], pairing.mean[ok],
                               pairing.discrepancy[ok], pairing.repeats)
-    return merged.select(out), kept
+    return merged, kept
 
 
 def describe(path, report, kept):

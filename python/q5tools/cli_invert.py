@@ -1,17 +1,18 @@
 """q5-invert FILE... -o DIR: import field files, run q5 in DIR, draw the
 pictures and say where they are."""
-import argparse
 import os
 import shutil
 import subprocess
-import sys
 import tempfile
 import time
+from dataclasses import replace
 
-from .cli_import import add_import_options, options
-from .errors import InputError, one_line
-from .locate import find_q5
+from .cli import Parser, command
+from .cli_import import add_import_arguments
+from .errors import InputError
 from .importer import import_run
+from .locate import find_q5
+from .options import ImportOptions, InvertOptions, add_options, from_args
 
 PROG = "q5-invert"
 
@@ -35,36 +36,34 @@ def run_q5(q5, run_dir):
     return shown
 
 
+@command(PROG)
 def main(argv=None):
-    p = argparse.ArgumentParser(prog=PROG, description="Import field files, run q5 and draw the results.")
-    add_import_options(p)
-    p.add_argument("--q5", metavar="PATH", help="the q5 program (default: beside q5-invert, the source tree's build/q5, else on PATH)")
-    p.add_argument("--borehole", metavar="FILE", help="borehole log 'x z rho' to draw on the model sections")
+    p = Parser(prog=PROG, description="Import field files, run q5 and draw the results.")
+    add_import_arguments(p)
+    add_options(p, InvertOptions)
     args = p.parse_args(argv)
+    opts, tools = from_args(ImportOptions, args), from_args(InvertOptions, args)
     from .plotting import plot_run
-    opts = options(args)
-    for key in ("q5", "borehole"):
-        opts.pop(key, None)
     reference_dir = None
     try:
-        q5 = find_q5(args.q5, PROG)
+        q5 = find_q5(tools.q5, PROG)
         out = os.path.abspath(args.output)
         if os.path.exists(out) and os.listdir(out) and not args.force:
             raise InputError(out, "exists and is not empty (use --force to replace it)")
         t0 = time.time()
         t_ref = 0.0
-        if args.reference:
+        if opts.reference:
             # the reference survey alone, every element written, gives the start model
             reference_dir = tempfile.mkdtemp(prefix=".q5-reference-", dir=os.path.dirname(out))
-            ref_opts = dict(opts, reference=None, no_polyline=True, start=None)
-            _, lines = import_run([args.reference], reference_dir, ref_opts, force=True)
+            ref_opts = replace(opts, reference=None, no_polyline=True, start=None)
+            _, lines = import_run([opts.reference], reference_dir, ref_opts, force=True)
             print("\n".join(lines))
             print(f"running q5 on the reference survey in {out}/reference")
             t = time.time()
             print("\n".join(run_q5(q5, reference_dir)))
             t_ref = time.time() - t
-            opts["start"] = os.path.join(reference_dir, "f001_res.dat")
-        meta, lines = import_run(args.files, out, opts, force=args.force)
+            opts = replace(opts, start=os.path.join(reference_dir, "f001_res.dat"))
+        _, lines = import_run(args.files, out, opts, force=args.force)
         if reference_dir:
             os.rename(reference_dir, os.path.join(out, "reference"))
             reference_dir = None
@@ -73,13 +72,10 @@ def main(argv=None):
         print(f"running q5 in {out}")
         print("\n".join(run_q5(q5, out)))
         t2 = time.time()
-        written = plot_run(out, borehole=args.borehole)
-        if args.reference:
-            written += plot_run(os.path.join(out, "reference"), borehole=args.borehole)
+        written = plot_run(out, borehole=tools.borehole)
+        if opts.reference:
+            written += plot_run(os.path.join(out, "reference"), borehole=tools.borehole)
         t3 = time.time()
-    except (InputError, OSError) as e:
-        print(f"{PROG}: {one_line(e)}", file=sys.stderr)
-        return 1
     finally:
         if reference_dir and os.path.exists(reference_dir):
             shutil.rmtree(reference_dir, ignore_errors=True)

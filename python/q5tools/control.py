@@ -6,25 +6,26 @@ import numpy as np
 
 @dataclass
 class Settings:
-    forward: bool = False
-    rho_start: float = None          # uniform start (or forward) model, ohm m
-    start_file: str = None           # or a start model file of every element
-    inverse_type: int = 1
-    target_decrease: float = 0.0
-    data_type: int = 1               # 1 log data
-    tolerance: float = 1.0
-    max_iterations: int = 6
-    weight_update: int = 0
-    alpha_aniso: float = 1.0
-    a_wgt: float = 0.0
-    b_wgt: float = 0.03
-    errors_from_file: bool = False
-    rho_min: float = None
-    rho_max: float = None
-    singular: int = 0
-    res_calc: int = 1
-    polyline: bool = True
-    difference: bool = False
+    """The settings Q5.in carries, in the order q5-import.json records them."""
+    forward: bool
+    rho_start: float                 # uniform start (or forward) model, ohm m
+    start_file: str                  # or a start model file of every element (None)
+    inverse_type: int
+    target_decrease: float
+    data_type: int                   # 1 log data
+    tolerance: float
+    max_iterations: int
+    weight_update: int
+    alpha_aniso: float
+    a_wgt: float
+    b_wgt: float
+    errors_from_file: bool
+    rho_min: float
+    rho_max: float
+    singular: int
+    res_calc: int
+    polyline: bool
+    difference: bool
 
 
 def _wrap(values, fmt, per_line=8):

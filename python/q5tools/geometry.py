@@ -85,8 +85,10 @@ def infer_depths(survey):
     return replace(survey, depth=depth, notes=list(survey.notes)) if np.any(depth > 0) else survey
 
 
-def layout(survey, depth=None, boundary=5.0):
-    """The layout of a survey whose remotes are placed."""
+def layout(survey, depth, boundary):
+    """The layout of a survey whose remotes are placed: the region of
+    interest `depth` deep (None: from the line), the outer boundary
+    `boundary` line lengths beyond it."""
     line = ~survey.remote
     xl, zl, dl = survey.x[line], survey.z[line], survey.depth[line]
     x0, x1 = float(xl.min()), float(xl.max())

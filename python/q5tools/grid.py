@@ -74,10 +74,12 @@ def _padding(start, h, growth, end, direction, fixed=()):
     return sorted(set(out), reverse=direction < 0)
 
 
-def build_grid(lay, x, z, remote, cells=4, growth=1.3, row_growth=1.1, first_row=None, pad_group=4):
+def build_grid(lay, x, z, remote, opts, pad_group=4):
     """Build the grid of a layout for electrodes at world x, z (any order; the
-    remote ones placed). Raises ValueError with the reason for settings or
-    positions it cannot use."""
+    remote ones placed) with the mesh options of opts (ImportOptions: cells,
+    growth, row_growth, first_row). Raises ValueError with the reason for
+    settings or positions it cannot use."""
+    cells, growth, row_growth, first_row = opts.cells, opts.growth, opts.row_growth, opts.first_row
     x, z, remote = np.asarray(x, float), np.asarray(z, float), np.asarray(remote, bool)
     if np.sum(~remote) < 2:
         raise ValueError("at least two electrodes are needed")

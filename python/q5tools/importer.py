@@ -9,6 +9,7 @@ import numpy as np
 
 from . import checks, control, geometry, grid as gridmod, reciprocal, trimesh
 from .errors import InputError
+from .options import ImportOptions
 from .readers import read_survey
 from .topography import apply_topography, read_topography
 
@@ -16,15 +17,14 @@ META = "q5-import.json"
 START = "start_res.dat"
 Q5_ERROR_FLOOR = 0.001  # ohm: q5 raises smaller read-in errors to this
 FLOOR_RAISE = 1.5       # a floor that raises a file's error by more than half distorts the weights
-RECIPROCAL_LIMIT = 10.0  # percent: default limit of a reciprocal pair's disagreement
 
 
 def load_survey(path, opts):
     """Read a field file and give it heights from --topography."""
-    survey = read_survey(path, opts.get("spacing"), opts.get("instrument_spacing"))
-    if opts.get("topography"):
-        pos, height = read_topography(opts["topography"])
-        survey = apply_topography(survey, pos, height, path=opts["topography"])
+    survey = read_survey(path, opts.spacing, opts.instrument_spacing)
+    if opts.topography:
+        pos, height = read_topography(opts.topography)
+        survey = apply_topography(survey, pos, height, path=opts.topography)
     return geometry.infer_depths(survey)
 
 
@@ -66,16 +66,14 @@ def build_mesh(first, opts, texts):
     shift, q5's coordinates of every electrode, the parameter count and a
     line saying what was made. Triangles unless a grid is asked for, and a
     grid only where it can hold the electrodes."""
-    lay = geometry.layout(first, depth=opts.get("depth"), boundary=opts.get("boundary", 5.0))
-    cells = opts.get("cells", 4)
-    if opts.get("mesh") == "grid":
+    lay = geometry.layout(first, opts.depth, opts.boundary)
+    cells = opts.cells
+    if opts.mesh == "grid":
         if np.any(first.buried):
             raise InputError(first.path, "buried electrodes need --mesh triangles: a grid puts every"
                              " electrode on the surface")
         try:
-            g = gridmod.build_grid(lay, first.x, first.z, first.remote, cells=cells,
-                                   growth=opts.get("growth", 1.3), row_growth=opts.get("row_growth", 1.1),
-                                   first_row=opts.get("first_row"))
+            g = gridmod.build_grid(lay, first.x, first.z, first.remote, opts)
         except ValueError as e:
             raise InputError(first.path, str(e))
         col = g.electrode_columns - 1
@@ -103,9 +101,9 @@ def choose_errors(screened, pairs, opts, lines):
     model). Default: the file's errors, unless q5's floor of 0.001 ohm would
     raise some by more than half (then the file's median relative error);
     without them the reciprocal model, else --error."""
-    mode = opts.get("errors")
-    has_file = all(s.rel_err is not None for s in screened) and not opts.get("ignore_file_errors")
-    floor = opts.get("error_floor", 2.0) / 100.0
+    mode = opts.errors
+    has_file = all(s.rel_err is not None for s in screened) and not opts.ignore_file_errors
+    floor = opts.error_floor / 100.0
     model = reciprocal.fit_error_model(np.abs(pairs[0]), pairs[1]) if len(pairs[0]) else None
     if mode == "reciprocal" and model is None:
         raise InputError(screened[0].path, f"--errors reciprocal needs at least {reciprocal.MIN_PAIRS} "
@@ -124,7 +122,7 @@ def choose_errors(screened, pairs, opts, lines):
     if mode is None:
         mode = "reciprocal" if model is not None else "relative"
     if mode == "relative":
-        rel = _median_relative(screened, floor) if has_file else opts.get("error", 3.0) / 100.0
+        rel = _median_relative(screened, floor) if has_file else opts.error / 100.0
         if rel <= 0:
             raise InputError(screened[0].path, "--error must be above 0")
         return "relative", rel
@@ -166,8 +164,7 @@ def _reciprocal_record(pairs, limit, kind, model):
     if not len(pairs[0]):
         return None
     r, d = np.abs(pairs[0]), np.abs(pairs[1])
-    with np.errstate(divide="ignore", invalid="ignore"):
-        out_ = np.where(d == 0, False, d > limit * r)
+    out_ = ~reciprocal.apply_limit(*pairs, limit)
     out = {"pairs": int(np.sum(~out_)), "limit": limit, "r": [float(v) for v in r[~out_]],
            "d": [float(v) for v in d[~out_]], "left_out_r": [float(v) for v in r[out_]],
            "left_out_d": [float(v) for v in d[out_]]}
@@ -177,26 +174,49 @@ def _reciprocal_record(pairs, limit, kind, model):
     return out
 
 
+def _median_rho(survey):
+    """Median of the positive half-space apparent resistivities: the start model."""
+    rho = survey.factor() * survey.r
+    good = rho[np.isfinite(rho) & (rho > 0)]
+    return float(np.median(good)) if len(good) else ImportOptions.UNIFORM_RHO
+
+
+def _error_weights(kind, model, screened, lines):
+    """q5's a_wgt and b_wgt for the error model chosen."""
+    if kind == "relative":
+        return 0.0, model
+    if kind == "reciprocal":
+        all_r = np.abs(np.concatenate([s.r for s in screened]))
+        a_wgt, b_wgt, c = reciprocal.quadrature_weights(model, all_r)
+        a_wgt, b_wgt = float(f"{a_wgt:.4g}"), float(f"{b_wgt:.4g}")
+        lines.append(f"errors: reciprocal model e = {model.a:.4g} ohm + {model.b * 100:.3g} %"
+                     f" of |R| ({model.method}); in q5's quadrature sum a_wgt {a_wgt:g},"
+                     f" b_wgt {b_wgt:g} (both x {c:.3f})")
+        return a_wgt, b_wgt
+    # errors from the file (or a forward job): the relative error is not written
+    return 0.0, ImportOptions.error / 100.0
+
+
 def prepare(files, opts):
     """Everything a run directory holds, as texts and a summary; raises
-    InputError for what it cannot use. opts is a dict of the import options."""
-    forward = bool(opts.get("forward"))
-    reference_path = opts.get("reference")
+    InputError for what it cannot use. opts: the ImportOptions."""
+    forward = opts.forward
+    reference_path = opts.reference
     difference = reference_path is not None
-    if difference and opts.get("res_calc") == 0:
+    if difference and opts.res_calc == 0:
         raise InputError(reference_path, "--no-sensitivity cannot go with --reference: q5 writes the"
                          " difference map into the model file only beside the sensitivity map")
     if forward and (difference or len(files) != 1):
         raise InputError(files[0] if files else "-", "--forward takes one field file and no --reference")
     if not files:
         raise InputError("-", "no field file given")
-    log_data = opts.get("data", "log") == "log" and not difference and not forward
-    remote_given = _remote_option(opts.get("remote"))
+    log_data = opts.data == "log" and not difference and not forward
+    remote_given = _remote_option(opts.remote)
     lines = []
 
     def read(path):
         return geometry.place_remotes(load_survey(path, opts), remote_given,
-                                      opts.get("remote_distance") or geometry.REMOTE_LINES)
+                                      opts.remote_distance or geometry.REMOTE_LINES)
 
     read_all = [read(p) for p in files]
     reference = read(reference_path) if difference else None
@@ -208,23 +228,18 @@ def prepare(files, opts):
     for s in ([reference] if reference else []) + surveys:
         lines += [f"{s.path}: {note}" for note in s.notes]
     lines += placed
-    limit = opts.get("reciprocal_limit", RECIPROCAL_LIMIT) / 100.0
+    limit = opts.reciprocal_limit / 100.0
     screened, pairs = _screen_all(surveys, reference, log_data, limit, lines)
 
     texts = {}
     records, lay, x_shift, ex, ey, num_parameters, size = build_mesh(first, opts, texts)
-    settings = control.Settings(forward=forward, singular=opts.get("singular", 0),
-                                difference=difference, polyline=not opts.get("no_polyline"))
     error_kind, error_model = ("none", None) if forward else choose_errors(screened, pairs, opts, lines)
-    blocks, rhos, medians = [], [], []
+    blocks, rhos = [], []
     for s in screened:
         rhos.append(control.q5_factor(ex, ey, *(first.index(v) for v in (s.a, s.b, s.m, s.n))) * s.r)
-        rho = s.factor() * s.r
-        good = rho[np.isfinite(rho) & (rho > 0)]
-        medians.append(float(np.median(good)) if len(good) else 100.0)
         block = {"a": s.a, "b": s.b, "m": s.m, "n": s.n, "r": s.r, "ref": s.ref}
         if error_kind == "file":
-            block["err"] = np.maximum(s.rel_err, opts.get("error_floor", 2.0) / 100.0) * np.abs(s.r)
+            block["err"] = np.maximum(s.rel_err, opts.error_floor / 100.0) * np.abs(s.r)
             low = block["err"] < Q5_ERROR_FLOOR
             if low.any():
                 worst = float(np.max(Q5_ERROR_FLOOR / np.abs(s.r[low]))) * 100
@@ -232,31 +247,22 @@ def prepare(files, opts):
                              f" raises them to 0.001 ohm (up to {worst:.0f} % of the reading)")
         blocks.append(block)
 
-    if forward:
-        settings.rho_start = opts.get("rho") or 100.0
-    else:
-        settings.rho_start = opts.get("rho") or round(medians[0], 3)
-        settings.errors_from_file = error_kind == "file"
-        if error_kind == "relative":
-            settings.a_wgt, settings.b_wgt = 0.0, error_model
-        elif error_kind == "reciprocal":
-            all_r = np.abs(np.concatenate([s.r for s in screened]))
-            a_wgt, b_wgt, c = reciprocal.quadrature_weights(error_model, all_r)
-            settings.a_wgt, settings.b_wgt = float(f"{a_wgt:.4g}"), float(f"{b_wgt:.4g}")
-            lines.append(f"errors: reciprocal model e = {error_model.a:.4g} ohm + {error_model.b * 100:.3g} %"
-                         f" of |R| ({error_model.method}); in q5's quadrature sum a_wgt {settings.a_wgt:g},"
-                         f" b_wgt {settings.b_wgt:g} (both x {c:.3f})")
-        settings.rho_min, settings.rho_max = control.accepted_range(np.concatenate(rhos))
-        settings.data_type = 1 if log_data else 0
-        for name in ("max_iterations", "tolerance", "inverse_type", "target_decrease",
-                     "alpha_aniso", "weight_update", "res_calc"):
-            if opts.get(name) is not None:
-                setattr(settings, name, opts[name])
-    if opts.get("start"):
-        settings.start_file = START
+    a_wgt, b_wgt = _error_weights(error_kind, error_model, screened, lines)
+    # a forward job writes no inverse settings: its record keeps the defaults
+    inverse = ImportOptions() if forward else opts
+    rho_min, rho_max = (None, None) if forward else control.accepted_range(np.concatenate(rhos))
+    settings = control.Settings(
+        forward=forward,
+        rho_start=opts.rho or (ImportOptions.UNIFORM_RHO if forward else round(_median_rho(screened[0]), 3)),
+        start_file=START if opts.start else None, inverse_type=inverse.inverse_type,
+        target_decrease=inverse.target_decrease, data_type=1 if log_data or forward else 0,
+        tolerance=inverse.tolerance, max_iterations=inverse.max_iterations,
+        weight_update=inverse.weight_update, alpha_aniso=inverse.alpha_aniso, a_wgt=a_wgt, b_wgt=b_wgt,
+        errors_from_file=error_kind == "file", rho_min=rho_min, rho_max=rho_max, singular=opts.singular,
+        res_calc=inverse.res_calc, polyline=not opts.no_polyline, difference=difference)
 
     names = ", ".join(os.path.basename(p) for p in files)
-    title = opts.get("title") or (f"{'Difference of ' if difference else ''}{names}")
+    title = opts.title or (f"{'Difference of ' if difference else ''}{names}")
     texts["Q5.in"] = control.control_text(title, records, settings)
     texts["protocol.dat"] = control.protocol_text(blocks, forward=forward)
     meta = {
@@ -275,13 +281,13 @@ def prepare(files, opts):
         "errors": error_kind,
         "reciprocal": _reciprocal_record(pairs, limit, error_kind, error_model),
         "polyline": settings.polyline,
-        "settings": {k: v for k, v in asdict(settings).items()},
-        "options": {k: (START if k == "start" and v else v) for k, v in sorted(opts.items())},
+        "settings": asdict(settings),
+        "options": {k: (START if k == "start" and v else v) for k, v in sorted(asdict(opts).items())},
     }
     texts[META] = json.dumps(meta, indent=1) + "\n"
     lines.append(f"{size}, {num_parameters} parameters, region of interest {lay.roi_depth:.1f} m deep")
     if not forward:
-        model = {"file": f"errors from the file (floor {opts.get('error_floor', 2.0):g} %)",
+        model = {"file": f"errors from the file (floor {opts.error_floor:g} %)",
                  "relative": f"relative error {settings.b_wgt * 100:.3g} %",
                  "reciprocal": f"reciprocal error model a_wgt {settings.a_wgt:g} ohm, b_wgt {settings.b_wgt:g}"}
         lines.append(f"{sum(meta['readings'])} readings in {len(blocks)} block(s); {model[error_kind]}; "
@@ -319,9 +325,9 @@ def write_run(out_dir, texts, start=None, force=False):
 
 
 def import_run(files, out_dir, opts, force=False):
+    """Prepare the run directory of the field files (opts: ImportOptions) and write it."""
     texts, meta, lines = prepare(files, opts)
-    start = opts.get("start")
-    if start and not os.path.isfile(start):
-        raise InputError(start, "cannot be read")
-    write_run(out_dir, texts, start=start, force=force)
+    if opts.start:
+        open(opts.start, "rb").close()  # an unreadable start model stops the import before DIR is touched
+    write_run(out_dir, texts, start=opts.start, force=force)
     return meta, lines

@@ -14,6 +14,8 @@ OK, EOF, BAD = 0, -1, 1
 _BLANKS = b" \t\r"
 _SEPARATORS = b" \t\r,/"
 _SPECIAL = re.compile(rb"[+-]?(inf|infinity|nan(\([0-9a-z_]*\))?)", re.IGNORECASE)
+# mantissa, then an exponent after E or D, or a bare signed one
+_REAL = re.compile(rb"([+-]?(?:[0-9]+\.?[0-9]*|\.[0-9]+))(?:[eEdD]([+-]?[0-9]+)|([+-][0-9]+))?")
 
 
 def parse_int(token):
@@ -36,43 +38,11 @@ def parse_real(token):
     not-a-number. None if it is not one."""
     if _SPECIAL.fullmatch(token):
         return float(token.split(b"(")[0])
-    n, i = len(token), 0
-    out = b""
-    if i < n and token[i:i + 1] in (b"+", b"-"):
-        out += token[i:i + 1]
-        i += 1
-    digits = 0
-    while i < n and token[i:i + 1].isdigit():
-        out += token[i:i + 1]
-        i += 1
-        digits += 1
-    if i < n and token[i:i + 1] == b".":
-        out += b"."
-        i += 1
-        while i < n and token[i:i + 1].isdigit():
-            out += token[i:i + 1]
-            i += 1
-            digits += 1
-    if digits == 0:
+    m = _REAL.fullmatch(token)
+    if not m:
         return None
-    if i < n:
-        c = token[i:i + 1]
-        if c in (b"e", b"E", b"d", b"D"):
-            i += 1
-        elif c not in (b"+", b"-"):
-            return None
-        out += b"e"
-        if i < n and token[i:i + 1] in (b"+", b"-"):
-            out += token[i:i + 1]
-            i += 1
-        exp_digits = 0
-        while i < n and token[i:i + 1].isdigit():
-            out += token[i:i + 1]
-            i += 1
-            exp_digits += 1
-        if exp_digits == 0 or i != n:
-            return None
-    return float(out)
+    exponent = m.group(2) or m.group(3)
+    return float(m.group(1) + (b"e" + exponent if exponent else b""))
 
 
 class LineFile:
@@ -131,7 +101,6 @@ class ReadResult:
 
 
 _PLAIN_INT = re.compile(rb"[+-]?[0-9]{1,10}")
-_PLAIN_REAL = re.compile(rb"[+-]?(?:[0-9]+\.?[0-9]*|\.[0-9]+)(?:[eEdD][+-]?[0-9]+|[+-][0-9]+)?")
 
 
 def _read_plain_line(f, kinds, result, want_values):
@@ -150,7 +119,7 @@ def _read_plain_line(f, kinds, result, want_values):
         if kind == "i":
             if not _PLAIN_INT.fullmatch(token) or parse_int(token) is None:
                 return False
-        elif not _PLAIN_REAL.fullmatch(token):
+        elif not _REAL.fullmatch(token):
             return False
     if want_values:
         result.values = [parse_int(t) if k == "i" else parse_real(t) for k, t in zip(kinds, tokens)]

@@ -8,7 +8,7 @@ matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
 import numpy as np  # noqa: E402
 from matplotlib.collections import PolyCollection  # noqa: E402
-from matplotlib.colors import LogNorm, Normalize, TwoSlopeNorm  # noqa: E402
+from matplotlib.colors import LogNorm, Normalize  # noqa: E402
 from matplotlib.patches import Rectangle  # noqa: E402
 from matplotlib.path import Path  # noqa: E402
 from matplotlib.ticker import FuncFormatter, LogLocator, MaxNLocator, NullFormatter  # noqa: E402

@@ -167,11 +167,12 @@ def quadrature_weights(model, r_abs):
     return c * model.a, c * model.b, c
 
 
-def apply_limit(pairing, limit):
-    """Which pairs to keep: those whose discrepancy is at most limit (a
-    fraction) of their mean resistance. Two readings of 0 agree."""
-    d = np.abs(pairing.discrepancy)
-    mean = np.abs(pairing.mean)
+def apply_limit(mean, discrepancy, limit):
+    """Which pairs to keep, from their mean resistances and discrepancies:
+    those whose discrepancy is at most limit (a fraction) of their mean.
+    Two readings of 0 agree."""
+    d = np.abs(discrepancy)
+    mean = np.abs(mean)
     with np.errstate(divide="ignore", invalid="ignore"):
         relative = np.where(d == 0, 0.0, d / mean)
     return relative <= limit

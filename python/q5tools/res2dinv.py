@@ -115,13 +115,10 @@ class Cursor:
 
 
 def _read_lines(path):
-    try:
-        with open(path, encoding="latin-1", newline=None) as f:
-            # only the newline ends a line: a stray form feed or NEL in a title
-            # must not shift the line numbers the messages give
-            return list(enumerate(f.read().split("\n"), 1))
-    except OSError as e:
-        raise InputError(path, f"cannot be read ({e.strerror})")
+    with open(path, encoding="latin-1", newline=None) as f:
+        # only the newline ends a line: a stray form feed or NEL in a title
+        # must not shift the line numbers the messages give
+        return list(enumerate(f.read().split("\n"), 1))
 
 
 def _header(cur):

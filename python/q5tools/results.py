@@ -46,10 +46,6 @@ class Frame:
             raise KeyError(f"electrode {int(np.asarray(ids)[k < 0][0])} is not in the run")
         return k
 
-    def position(self, ids):
-        k = self._index(ids)
-        return self.electrodes_x[k], self.electrodes_z[k]
-
     def places(self, ids):
         """x, depth below the surface and remote flag of the given electrodes."""
         k = self._index(ids)
@@ -266,8 +262,9 @@ def read_borehole(path):
     """A borehole log of lines `x z rho` (z: depth below the surface, as a
     negative number or a positive depth)."""
     try:
-        table = np.loadtxt(path, ndmin=2)
-    except (OSError, ValueError) as e:
+        with open(path) as f:
+            table = np.loadtxt(f, ndmin=2)
+    except ValueError as e:
         raise InputError(path, f"expected lines of x z rho ({e})")
     if table.shape[1] < 3:
         raise InputError(path, f"expected 3 columns, found {table.shape[1]}", 1)

@@ -26,6 +26,9 @@ class Survey:
     k: np.ndarray = None      # the file's own geometric factor per reading (m), or None
     topography: tuple = None  # (x, z) arrays of surface points the file gives besides its electrodes
     along_ground: bool = False  # x are distances along the ground (a cable), not horizontal positions
+    # G and the size of its terms per reading (see halfspace_sum), worked out once; electrodes
+    # move only through replace(), which starts without it
+    _halfspace: tuple = field(default=None, init=False, repr=False, compare=False)
 
     def __post_init__(self):
         count = len(self.ids)
@@ -41,50 +44,49 @@ class Survey:
         """The survey with only the readings where keep is true."""
         keep = np.asarray(keep, bool)
         pick = lambda v: None if v is None else v[keep]
-        return replace(self, a=self.a[keep], b=self.b[keep], m=self.m[keep],
-                       n=self.n[keep], r=self.r[keep], rel_err=pick(self.rel_err),
-                       lines=pick(self.lines), k=pick(self.k), notes=list(self.notes))
+        out = replace(self, a=self.a[keep], b=self.b[keep], m=self.m[keep],
+                      n=self.n[keep], r=self.r[keep], rel_err=pick(self.rel_err),
+                      lines=pick(self.lines), k=pick(self.k), notes=list(self.notes))
+        if self._halfspace is not None:
+            out._halfspace = tuple(v[keep] for v in self._halfspace)
+        return out
 
     def index(self, numbers):
         """Positions in the electrode arrays of the given electrode numbers."""
         where = {int(e): k for k, e in enumerate(self.ids)}
         return np.array([where[int(e)] for e in numbers], int)
 
-    def positions(self, numbers):
-        """x, z of the given electrode numbers."""
-        k = self.index(numbers)
-        return self.x[k], self.z[k]
-
     def places(self, numbers):
         """x, z and depth below the surface of the given electrode numbers."""
         k = self.index(numbers)
         return self.x[k], self.z[k], self.depth[k]
 
+    def halfspace(self):
+        """G of the half-space factor of every reading and the size of its
+        terms (see halfspace_sum)."""
+        if self._halfspace is None:
+            self._halfspace = halfspace_sum(*(self.places(v) for v in (self.a, self.b, self.m, self.n)))
+        return self._halfspace
+
     def factor(self):
-        """Half-space geometric factor of every reading (see halfspace_factor)."""
-        return halfspace_factor(*(self.places(v) for v in (self.a, self.b, self.m, self.n)))
+        """Geometric factor K (m, signed) of every reading over a homogeneous
+        half-space, rho_a = K R: K = 4 pi / G with G = sum over the pairs
+        (C, P) of +-(1/r + 1/r'), r the straight distance and r' that to the
+        image of P in the ground surface above both electrodes, r'^2 = r^2 +
+        4 d_C d_P (on flat ground the usual image distance; on the surface
+        r' = r and K is the familiar 2 pi / (1/AM - 1/BM - 1/AN + 1/BN)). A
+        remote without a place (x NaN) stands at infinity: its terms are 0."""
+        with np.errstate(divide="ignore"):
+            return 4 * np.pi / self.halfspace()[0]
 
     @property
     def buried(self):
         return (self.depth > 0) & ~self.remote
 
 
-def halfspace_factor(pa, pb, pm, pn):
-    """Geometric factor K (m, signed) of readings over a homogeneous half-space,
-    rho_a = K R, from electrode places (x, z, depth): K = 4 pi / G with
-    G = sum over the pairs (C, P) of +-(1/r + 1/r'), r the straight distance
-    and r' that to the image of P in the ground surface above both electrodes,
-    r'^2 = r^2 + 4 d_C d_P (on flat ground the usual image distance; on the
-    surface r' = r and K is the familiar 2 pi / (1/AM - 1/BM - 1/AN + 1/BN)).
-    A remote without a place (x NaN) stands at infinity: its terms are 0."""
-    g, _ = halfspace_sum(pa, pb, pm, pn)
-    with np.errstate(divide="ignore"):
-        return 4 * np.pi / g
-
-
 def halfspace_sum(pa, pb, pm, pn):
-    """G of halfspace_factor and the sum of the sizes of its four terms,
-    which says how near to cancelling they come."""
+    """G of Survey.factor from electrode places (x, z, depth) and the sum of
+    the sizes of its four terms, which says how near to cancelling they come."""
     def term(c, p):
         (xc, zc, dc), (xp, zp, dp) = c, p
         r2 = (np.asarray(xc) - xp) ** 2 + (np.asarray(zc) - zp) ** 2

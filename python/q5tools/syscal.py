@@ -38,11 +38,8 @@ def find_header(lines):
 def read_lines(path):
     """The file's lines; Prosys writes Latin-1, and a UTF-8 mark from an
     editor that saved it again is dropped."""
-    try:
-        with open(path, encoding="latin-1", newline=None) as f:
-            text = f.read()
-    except OSError as e:
-        raise InputError(path, f"cannot be read ({e.strerror})")
+    with open(path, encoding="latin-1", newline=None) as f:
+        text = f.read()
     return text[3:].splitlines() if text.startswith("\xef\xbb\xbf") else text.splitlines()
 
 
@@ -190,9 +187,3 @@ def read_syscal(path, spacing=None, instrument_spacing=None):
                             f"{instrument_spacing:g} m set on the instrument)")
     return survey
 
-
-def looks_like_syscal(path):
-    try:
-        return find_header(read_lines(path)) is not None
-    except InputError:
-        return False

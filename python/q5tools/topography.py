@@ -10,23 +10,20 @@ def read_topography(path):
     """A file of lines `position height` (blanks, tabs or commas; `#`
     comments); returns the two columns sorted by position."""
     rows = []
-    try:
-        with open(path, encoding="utf-8", errors="replace") as f:
-            for number, text in enumerate(f, 1):
-                items = text.split("#")[0].replace(",", " ").split()
-                if not items:
-                    continue
-                if len(items) < 2:
-                    raise InputError(path, f"expected 2 columns (position, height), found {len(items)}", number)
-                try:
-                    pair = [float(items[0]), float(items[1])]
-                except ValueError:
-                    raise InputError(path, "not a number in the first two columns", number)
-                if not np.all(np.isfinite(pair)):
-                    raise InputError(path, "a position or height is not finite", number)
-                rows.append(pair)
-    except OSError as e:
-        raise InputError(path, f"cannot be read ({e.strerror})")
+    with open(path, encoding="utf-8", errors="replace") as f:
+        for number, text in enumerate(f, 1):
+            items = text.split("#")[0].replace(",", " ").split()
+            if not items:
+                continue
+            if len(items) < 2:
+                raise InputError(path, f"expected 2 columns (position, height), found {len(items)}", number)
+            try:
+                pair = [float(items[0]), float(items[1])]
+            except ValueError:
+                raise InputError(path, "not a number in the first two columns", number)
+            if not np.all(np.isfinite(pair)):
+                raise InputError(path, "a position or height is not finite", number)
+            rows.append(pair)
     if len(rows) < 2:
         raise InputError(path, "needs at least two points")
     table = np.array(rows)

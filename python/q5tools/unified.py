@@ -9,11 +9,8 @@ from .survey import Survey, attach_remotes
 
 def read_lines(path):
     """The file's non-blank lines as (line number, stripped text)."""
-    try:
-        with open(path, encoding="utf-8-sig", errors="replace") as f:
-            return [(number, text.strip()) for number, text in enumerate(f, 1) if text.strip()]
-    except OSError as e:
-        raise InputError(path, f"cannot be read ({e.strerror})")
+    with open(path, encoding="utf-8-sig", errors="replace") as f:
+        return [(number, text.strip()) for number, text in enumerate(f, 1) if text.strip()]
 
 
 def leading_count(text):

@@ -7,6 +7,7 @@ import pytest
 
 from conftest import FIELD, REPO
 from q5tools.importer import META, START, prepare
+from q5tools.options import ImportOptions
 
 EXAMPLES = os.path.join(REPO, "examples", "field")
 RUNS = ["slagdump", "bedrock", "xochimilco", "mulda-hillslope", os.path.join("mulda-hillslope", "reference")]
@@ -22,6 +23,6 @@ def test_committed_run_is_reproducible(name, monkeypatch):
     if opts.get("start"):
         opts["start"] = os.path.join(run, START)
     monkeypatch.chdir(EXAMPLES)  # the commands run in examples/field
-    texts, _, _ = prepare(meta["files"], opts)
+    texts, _, _ = prepare(meta["files"], ImportOptions(**opts))
     for file_name, text in texts.items():
         assert open(os.path.join(run, file_name)).read() == text, f"{name}/{file_name} differs"

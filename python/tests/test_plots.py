@@ -94,36 +94,39 @@ def test_readers_of_a_finished_run(run):
         results.read_errors(write(run / "bad_err.dat", "1 2 3\n"))
 
 
-def pixel(fig, ax, x, z):
+def model_colour(rho, veil=0.0):
+    """The colour of rho on a model scale of 10 to 1000 ohm m, under a white veil of that alpha."""
+    rgb = np.array(plotting.plt.get_cmap(plotting.MODEL_CMAP)(plotting.LogNorm(10, 1000)(rho))[:3])
+    return (1 - veil) * rgb + veil
+
+
+def colours(fig, ax, expected, atol=0.02):
+    """The drawn colour at each world (x, z) of expected is the RGB given."""
     fig.canvas.draw()
     image = np.asarray(fig.canvas.buffer_rgba())[..., :3] / 255.0
-    px, py = ax.transData.transform((x, z))
-    return image[image.shape[0] - int(round(py)), int(round(px))]
+    for (x, z), want in expected.items():
+        px, py = ax.transData.transform((x, z))
+        assert np.allclose(image[image.shape[0] - int(round(py)), int(round(px))], want, atol=atol), (x, z)
+    plotting.plt.close("all")
+
+
+def section(model, frame, **kw):
+    return plotting.section_figure(model, model.scalars["Resistivity(Ohm-m)"], plotting.LogNorm(10, 1000),
+                                   plotting.MODEL_CMAP, frame, "t", "ohm m", **kw)
 
 
 def test_known_cells_have_their_colours(run):
     frame = results.read_frame(run)
     model = results.read_model(run / "f001_res.vtk", frame)
-    norm = plotting.LogNorm(10, 1000)
-    cmap = plotting.plt.get_cmap(plotting.MODEL_CMAP)
-    values = model.scalars["Resistivity(Ohm-m)"]
-    fig, ax = plotting.section_figure(model, values, norm, plotting.MODEL_CMAP, frame, "t", "ohm m")
     # cell 3 (x 1..2 in the world, top row) is 1000 ohm m; cell 1 is 10 ohm m
-    assert np.allclose(pixel(fig, ax, 1.5, 99.5), cmap(norm(1000.0))[:3], atol=0.02)
-    assert np.allclose(pixel(fig, ax, 0.5, 99.5), cmap(norm(10.0))[:3], atol=0.02)
-    assert np.allclose(pixel(fig, ax, 2.5, 98.5), cmap(norm(200.0))[:3], atol=0.02)
+    c = model_colour
+    colours(*section(model, frame), {(1.5, 99.5): c(1000), (0.5, 99.5): c(10), (2.5, 98.5): c(200)})
     # a low-sensitivity cell is veiled: lighter than its own colour
-    shade = np.array([0.6, 0, 0, 0, 0, 0])
-    fig, ax = plotting.section_figure(model, values, norm, plotting.MODEL_CMAP, frame, "t", "ohm m", shade=shade)
-    veiled = 0.4 * np.array(cmap(norm(10.0))[:3]) + 0.6
-    assert np.allclose(pixel(fig, ax, 0.5, 99.5), veiled, atol=0.02)
-    assert np.allclose(pixel(fig, ax, 1.5, 99.5), cmap(norm(1000.0))[:3], atol=0.02)
+    colours(*section(model, frame, shade=np.array([0.6, 0, 0, 0, 0, 0])), {(0.5, 99.5): c(10, 0.6),
+                                                                            (1.5, 99.5): c(1000)})
     # a borehole log at x = 1.5 shows 10 ohm m near the surface, 1000 below
     hole = (np.array([1.5, 1.5]), np.array([-0.5, -1.5]), np.array([10.0, 1000.0]))
-    fig, ax = plotting.section_figure(model, values, norm, plotting.MODEL_CMAP, frame, "t", "ohm m", borehole=hole)
-    assert np.allclose(pixel(fig, ax, 1.5, 99.5), cmap(norm(10.0))[:3], atol=0.02)
-    assert np.allclose(pixel(fig, ax, 1.5, 98.5), cmap(norm(1000.0))[:3], atol=0.02)
-    plotting.plt.close("all")
+    colours(*section(model, frame, borehole=hole), {(1.5, 99.5): c(10), (1.5, 98.5): c(1000)})
 
 
 def test_plot_run_writes_every_picture_on_one_scale(run):
@@ -139,24 +142,6 @@ def test_plot_run_writes_every_picture_on_one_scale(run):
     assert a.shape == b.shape and not np.array_equal(a, b)
     bar = slice(int(0.9 * a.shape[1]), None)
     assert np.array_equal(a[:, bar], b[:, bar])
-
-
-def test_difference_section_and_forward_job(run):
-    write(run / "f001_res.vtk", vtk(MODEL_1, diff=[-50.0, 0.0, 50.0, 10.0, -10.0, 0.0]))
-    os.remove(run / "f002_res.vtk")
-    written = plotting.plot_run(str(run))
-    assert os.path.join(str(run), "f001_difference.png") in written
-    fwd = run / "fwd"
-    os.mkdir(fwd)
-    write(fwd / "q5-import.json", json.dumps(FRAME))
-    write(fwd / "forward_model.vtk", vtk([100.0] * 6))
-    write(fwd / "Q5_forward.dat", "           2\n"
-          "    1      2      3      1      4    0.7125214484E+01      178.44299\n"
-          "    2      3      4      2      1    0.7677986801E+01      191.97748\n")
-    written = plotting.plot_run(str(fwd))
-    assert sorted(os.path.basename(p) for p in written) == ["forward_data.png", "forward_model.png"]
-    t = results.read_forward(fwd / "Q5_forward.dat")
-    assert list(t["p1"]) == [2, 3] and list(t["rhoa"]) == [178.44299, 191.97748]
 
 
 # electrodes 5 and 7 remote (far off the line), 6 buried 0.5 m under x = 1.5;
@@ -193,18 +178,14 @@ def test_remote_buried_electrodes_and_triangles_in_the_region(tmp_path):
     # both triangles of the top row have their centres (99.67, 99.33) inside
     keep = plotting._roi(model, frame)
     assert keep.sum() == 6 and np.all(model.polygons[keep][..., 1].min(axis=1) >= 99)
-    norm, cmap = plotting.LogNorm(10, 1000), plotting.plt.get_cmap(plotting.MODEL_CMAP)
-    fig, ax = plotting.section_figure(model, model.scalars["Resistivity(Ohm-m)"], norm,
-                                      plotting.MODEL_CMAP, frame, "t", "ohm m")
-    x0, x1 = ax.get_xlim()
-    z0, z1 = ax.get_ylim()
+    fig, ax = section(model, frame)
+    (x0, x1), (z0, z1) = ax.get_xlim(), ax.get_ylim()
     assert -0.3 < x0 < 0 and 3 < x1 < 3.3 and 99 < z0 < 99.3 and 100 < z1 < 100.3
-    assert np.allclose(pixel(fig, ax, 0.85, 99.85), cmap(norm(1000.0))[:3], atol=0.02)
-    assert np.allclose(pixel(fig, ax, 0.3, 99.4), cmap(norm(10.0))[:3], atol=0.02)
-    assert np.allclose(pixel(fig, ax, 1.5, 99.5), 0, atol=0.1)  # the buried electrode
     for line in ax.lines:  # nothing drawn toward the remote electrodes
         assert np.all((line.get_xdata() >= 0) & (line.get_xdata() <= 3))
-    plotting.plt.close("all")
+    # the upper right triangle of the first cell, a lower left one, the buried electrode (black)
+    colours(fig, ax, {(0.85, 99.85): model_colour(1000), (0.3, 99.4): model_colour(10)})
+    colours(fig, ax, {(1.5, 99.5): 0}, atol=0.1)
     written = plotting.plot_run(str(tmp_path))
     assert sorted(os.path.basename(p) for p in written) == ["f001_model.png"]
 
@@ -220,16 +201,23 @@ def test_signed_apparent_resistivities_choose_the_scale(run, observed, log):
     plotting.plt.close("all")
 
 
-def test_reciprocal_picture_and_old_records(run):
-    frame = results.read_frame(run)  # a record from before remote electrodes
+def test_difference_forward_and_reciprocal_pictures(run):
+    frame = results.read_frame(run)  # a record from before remote electrodes, meshes and reciprocal pairs
     assert not frame.remote.any() and not frame.electrodes_depth.any()
     assert (frame.roi, frame.reciprocal, frame.mesh) == (None, None, "grid")
-    fwd = run / "fwd"
-    os.mkdir(fwd)
-    write(fwd / "forward_model.vtk", vtk([100.0] * 6))
-    for where in (run, fwd):
+    write(run / "f001_res.vtk", vtk(MODEL_1, diff=[-50.0, 0.0, 50.0, 10.0, -10.0, 0.0]))
+    os.remove(run / "f002_res.vtk")
+    os.mkdir(run / "fwd")
+    write(run / "fwd" / "forward_model.vtk", vtk([100.0] * 6))
+    write(run / "fwd" / "Q5_forward.dat", "           2\n"
+          "    1      2      3      1      4    0.7125214484E+01      178.44299\n"
+          "    2      3      4      2      1    0.7677986801E+01      191.97748\n")
+    t = results.read_forward(run / "fwd" / "Q5_forward.dat")
+    assert list(t["p1"]) == [2, 3] and list(t["rhoa"]) == [178.44299, 191.97748]
+    for where, names in [(run, ["f001_data", "f001_difference", "f001_model", "misfit", "reciprocal"]),
+                         (run / "fwd", ["forward_data", "forward_model", "reciprocal"])]:
         write(where / "q5-import.json", json.dumps(dict(FRAME, reciprocal=RECIPROCAL)))
-        assert os.path.join(str(where), "reciprocal.png") in plotting.plot_run(str(where))
+        assert sorted(os.path.basename(p) for p in plotting.plot_run(str(where))) == [n + ".png" for n in names]
         assert mpimg.imread(where / "reciprocal.png").shape[1] == 7 * plotting.DPI
     fig = plotting.reciprocal_figure(results.read_frame(run).reciprocal)
     assert fig.axes[0].get_title() == "Reciprocal error: a = 0.002 ohm, b = 3 %"

@@ -4,9 +4,9 @@ import math
 import numpy as np
 import pytest
 
-from conftest import field
-from conftest import write
-from q5tools.readers import read_survey
+from conftest import MEASURE, field, write
+from q5tools.errors import InputError
+from q5tools.readers import kind_of, read_survey
 
 
 def test_unified_slagdump_resistances_and_topography():
@@ -159,3 +159,23 @@ def test_unified_remotes_factor_and_signs(tmp_path, text, x, remote, quads, r, k
     assert list(zip(s.a, s.b, s.m, s.n)) == quads and s.r == pytest.approx(r, rel=1e-12, nan_ok=True)
     assert (s.k is None) if k is None else list(s.k) == k
     assert (note in s.notes) if note else not any("far" in n for n in s.notes)
+
+
+@pytest.mark.parametrize("text, kind", [
+    ("dd\n1\n3\n2\n0\n0\n0 1 1 100\n1 1 1 10\n", "res2dinv"),
+    (f"g\n1\n11\n0\n{MEASURE}\n0\n1\n0\n0\n", "res2dinv"),
+    ("3\n\n  2.5  m\n\n11 general\n", "res2dinv"),       # a title that is a number
+    ("3\n#x z\n0 0\n1 0\n2 0\n2\n#a b m n r\n1 2 3 0 1\n", "unified"),
+    ("3\n0 0\n1 0\n2 0\n", "unified"),                   # sensors without their column names
+    (" El-array Spa.1 Spa.2 Spa.3 Spa.4 Rho Dev. M Sp Vp In\n", "syscal"),
+    ("t\n1\n8\n", None), ("t\n0\n3\n", None), ("t\n1 2\n3\n", None), ("t\n1\n3.5\n", None),
+    ("t\nnan\n3\n", None), ("t\n1\n", None), ("", None), (bytes(range(256)).decode("latin-1") * 4, None),
+])
+def test_kind_told_by_content(tmp_path, text, kind):
+    with open(tmp_path / "f.txt", "w", encoding="latin-1") as f:
+        f.write(text)
+    if kind:
+        assert kind_of(tmp_path / "f.txt") == kind
+    else:
+        with pytest.raises(InputError):
+            kind_of(tmp_path / "f.txt")

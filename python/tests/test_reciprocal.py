@@ -37,9 +37,9 @@ def test_pairs_in_file_order_with_signs_and_repeats():
 @pytest.mark.parametrize("limit, keep", [(0.2, [1, 1, 1]), (0.1, [0, 1, 1]), (0.05, [0, 1, 0])])
 def test_limit_leaves_out_pairs_that_disagree(limit, keep):
     p = reciprocal.pair_readings(survey(READINGS))  # relative 1/9.5, 0.2/4.9, 0.2/2.1
-    assert list(reciprocal.apply_limit(p, limit)) == [bool(k) for k in keep]
+    assert list(reciprocal.apply_limit(p.mean, p.discrepancy, limit)) == [bool(k) for k in keep]
     zero = reciprocal.Pairing(*(np.array(v) for v in ([0, 2], [1, 3], [0.0, 0.0], [0.0, 0.1], [])))
-    assert list(reciprocal.apply_limit(zero, limit)) == [True, False]
+    assert list(reciprocal.apply_limit(zero.mean, zero.discrepancy, limit)) == [True, False]
 
 
 def synthetic(a, b, seed, count=400, outliers=5):

@@ -1,29 +1,19 @@
 """Several surveys of one line: blocks of protocol.dat, and the difference
 run whose reference column is matched by quadrupole."""
-import json
-
 import numpy as np
 
-from conftest import field, write
-from q5tools.importer import import_run, read_survey
+from conftest import field, protocol_blocks, write
+from q5tools.importer import import_run
+from q5tools.readers import read_survey
+from q5tools.options import ImportOptions
 
 MULDA = ["2008-05-09", "2008-07-15", "2008-09-16"]
 
 
-def blocks(path):
-    lines = open(path).read().split("\n")
-    out, k = [], 0
-    while k < len(lines) and lines[k]:
-        count = int(lines[k])
-        out.append([l.split() for l in lines[k + 1:k + 1 + count]])
-        k += count + 1
-    return out
-
-
-def test_surveys_become_blocks(tmp_path):
+def test_surveys_become_protocol_blocks(tmp_path):
     files = [field("mulda-hillslope", "data", f"MuldaA-{d}.data") for d in MULDA]
-    meta, _ = import_run(files, tmp_path / "run", {})
-    got = blocks(tmp_path / "run" / "protocol.dat")
+    meta, _ = import_run(files, tmp_path / "run", ImportOptions())
+    got = protocol_blocks(tmp_path / "run" / "protocol.dat")
     assert [len(b) for b in got] == meta["readings"] == [784, 784, 784]
     for f, block in zip(files, got):
         s = read_survey(f)
@@ -39,8 +29,8 @@ def test_difference_run_matches_reference_by_quadrupole(tmp_path):
     ref = field("mulda-hillslope", "data", f"MuldaA-{MULDA[0]}.data")
     later = field("mulda-hillslope", "data", f"MuldaA-{MULDA[1]}.data")
     r0, r1 = read_survey(ref), read_survey(later)
-    meta, lines = import_run([later], tmp_path / "run", {"reference": ref})
-    (block,) = blocks(tmp_path / "run" / "protocol.dat")
+    meta, lines = import_run([later], tmp_path / "run", ImportOptions(reference=ref))
+    (block,) = protocol_blocks(tmp_path / "run" / "protocol.dat")
     assert len(block) == 784 and all(len(l) == 8 for l in block)
     assert np.allclose([float(l[6]) for l in block], r0.r, rtol=1e-7)
     assert np.allclose([float(l[5]) for l in block], r1.r, rtol=1e-7)
@@ -61,9 +51,8 @@ def test_difference_run_matches_reference_by_quadrupole(tmp_path):
     body = turned + recip + extra
     path = write(tmp_path / "odd.data", "\n".join(text[:head - 1] + [f"{len(body)}# Number of data", text[head]]
                                                   + ["\t".join(r) for r in body]) + "\n")
-    meta, lines = import_run([path], tmp_path / "odd", {"reference": ref})
-    (block,) = blocks(tmp_path / "odd" / "protocol.dat")
+    meta, lines = import_run([path], tmp_path / "odd", ImportOptions(reference=ref))
+    (block,) = protocol_blocks(tmp_path / "odd" / "protocol.dat")
     assert meta["readings"] == [5]
     assert any("1 left out (1 not in the reference)" in l for l in lines)
     assert np.allclose([float(l[6]) for l in block], np.concatenate([-r0.r[:3], r0.r[3:5]]), rtol=1e-7)
-    assert json.load(open(tmp_path / "odd" / "q5-import.json"))["readings"] == [5]
