@@ -5,24 +5,19 @@
 #include <vector>
 
 #include "data/measurement_set.h"
-#include "mesh/mesh_model.h"
+#include "support/support.h"
 
 namespace {
 
 // Four nodes at x = spacing * (k - 1), all at y = depth; electrode k on node k.
-void line(double spacing, double depth, MeshModel* m, ElectrodeTable* t) {
-  *m = MeshModel{4, 0, {0, spacing, 2 * spacing, 3 * spacing}, {depth, depth, depth, depth},
-                 {1}, {}, {}};
-  *t = ElectrodeTable{4, {1, 2, 3, 4}, {10, 20, 30, 40}};
-}
+MeshModel line(double spacing, double depth) { return grid_mesh({0, spacing, 2 * spacing, 3 * spacing}, {depth}, 4); }
 
 }  // namespace
 
 TEST(GeometricFactor, WennerAndBuriedElectrodes) {
-  MeshModel m;
-  ElectrodeTable t;
+  const ElectrodeTable t{4, {1, 2, 3, 4}, {10, 20, 30, 40}};
   for (double a : {0.5, 1.0, 37.5}) {
-    line(a, 0.0, &m, &t);
+    const MeshModel m = line(a, 0.0);
     // P+ at a, P- at 2a, C+ at 0, C- at 3a: 2 pi a, with the ten-digit 4 pi.
     double k = geometric_factor(m, t, 2, 3, 1, 4, 3.0);
     EXPECT_NEAR(k, 2.0 * M_PI * a, 2.0 * M_PI * a * 2e-10);
@@ -30,7 +25,7 @@ TEST(GeometricFactor, WennerAndBuriedElectrodes) {
     EXPECT_EQ(geometric_factor(m, t, 2, 3, 1, 4, 2.0), 1.0);  // two-dimensional flow
   }
   // 3 m below y = 0, 2 m apart: the image terms use y_A + y_B = 6.
-  line(2.0, 3.0, &m, &t);
+  const MeshModel m = line(2.0, 3.0);
   auto r = [](double dx, double dy) { return std::sqrt(dx * dx + dy * dy); };
   double g = 2 * (1 / r(2, 0) + 1 / r(2, 6)) - 2 * (1 / r(4, 0) + 1 / r(4, 6));
   EXPECT_NEAR(geometric_factor(m, t, 2, 3, 1, 4, 3.0), 12.566370616 / g, 1e-13 / g);

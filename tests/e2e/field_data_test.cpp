@@ -11,21 +11,18 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstdio>
-#include <fstream>
 #include <sstream>
 
-#include "e2e_util.h"
+#include "support/support.h"
 
 namespace {
 
 // The R column of the unified data format: after the sensor block and the
 // data count, lines "a b m n R".
 std::vector<double> measured_resistances(const std::string& path) {
-  std::ifstream in(path);
   std::vector<std::vector<std::string>> rows;
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line : split_lines(read_file(path))) {
     std::istringstream fields(line.substr(0, line.find('#')));
     std::vector<std::string> row;
     for (std::string f; fields >> f;) row.push_back(f);
@@ -38,28 +35,26 @@ std::vector<double> measured_resistances(const std::string& path) {
   return r;
 }
 
+// Q5.in and protocol.dat of an example run directory of the source tree.
+Files example_inputs(const std::string& example) {
+  const std::string dir = std::string(Q5_SOURCE_DIR) + example;
+  return {{"Q5.in", read_file(dir + "/Q5.in")}, {"protocol.dat", read_file(dir + "/protocol.dat")}};
+}
+
 }  // namespace
 
 TEST(FieldData, SlagDumpTopographyCorrectsApparentResistivities) {
   const std::vector<double> measured =
       measured_resistances(std::string(Q5_FIELDDATA) + "/slagdump/slagdump.ohm");
   if (measured.empty()) GTEST_SKIP() << "field data not beside the repository";
-  std::string dir = make_run_dir();
-  for (const char* name : {"Q5.in", "protocol.dat"})
-    write_file(dir, name, read_text(std::string(Q5_SOURCE_DIR) + "/examples/slagdump/forward", name));
-  RunResult r = run_q5_in(dir);
-  ASSERT_EQ(r.console.back(), "All ok");
-  std::vector<std::string> out = read_lines(dir, "Q5_forward.dat");
-  ASSERT_EQ(out.size(), measured.size() + 1);
+  const RunResult r = run_q5(example_inputs("/examples/slagdump/forward"));
+  ASSERT_EQ(r.lines.back(), "All ok");
+  const std::vector<double> computed = forward_values(r.dir + "/Q5_forward.dat");
+  ASSERT_EQ(computed.size(), measured.size());
   std::vector<double> rho;
-  for (size_t i = 1; i < out.size(); ++i) {
-    int place, e[4];
-    double computed, apparent;
-    ASSERT_EQ(std::sscanf(out[i].c_str(), "%d %d %d %d %d %lf %lf", &place, e, e + 1, e + 2, e + 3,
-                          &computed, &apparent),
-              7);
-    ASSERT_GT(computed, 0.0) << out[i];  // Wenner over a uniform ground
-    rho.push_back(measured[i - 1] / computed);
+  for (size_t i = 0; i < computed.size(); ++i) {
+    ASSERT_GT(computed[i], 0.0) << i;  // Wenner over a uniform ground
+    rho.push_back(measured[i] / computed[i]);
   }
   std::sort(rho.begin(), rho.end());
   std::printf("[field data] slag dump, corrected apparent resistivity: min %.2f median %.2f max "
@@ -70,28 +65,21 @@ TEST(FieldData, SlagDumpTopographyCorrectsApparentResistivities) {
 
 TEST(FieldData, SlagDumpInversionConvergesWithinThePublishedRange) {
   if (std::getenv("Q5_SKIP_SLOW")) GTEST_SKIP() << "slow under the sanitizers";
-  std::string dir = make_run_dir();
-  for (const char* name : {"Q5.in", "protocol.dat"})
-    write_file(dir, name, read_text(std::string(Q5_SOURCE_DIR) + "/examples/slagdump", name));
-  RunResult r = run_q5_in(dir);
-  ASSERT_EQ(r.console.back(), "All ok");
-  EXPECT_NE(find_line(r.console, " Solution converged - Outputing results to file"), -1);
+  const RunResult r = run_q5(example_inputs("/examples/slagdump"));
+  ASSERT_EQ(r.lines.back(), "All ok");
+  EXPECT_NE(find_line(r.lines, " Solution converged - Outputing results to file"), -1);
   int iterations = 0;
-  double rms = 0.0;
-  for (const std::string& l : r.console) {
-    if (l.rfind("   Iteration ", 0) == 0) ++iterations;
-    if (l.rfind("     Final RMS Misfit:", 0) == 0) rms = std::atof(l.c_str() + 22);
-  }
+  const double rms = final_rms(r.lines, &iterations);
   EXPECT_LE(rms, 1.1);
   // Cells under the line, down to 12 m below the ground between electrodes.
   std::vector<double> ex, ez;
-  for (const std::string& l : read_lines(dir, "electrodes.dat")) {
+  for (const std::string& l : split_lines(read_file(r.dir + "/electrodes.dat"))) {
     double x, z;
     if (std::sscanf(l.c_str(), "%lf %lf", &x, &z) == 2) ex.push_back(x), ez.push_back(z);
   }
   ASSERT_EQ(ex.size(), 38u);
   int inside = 0, within = 0;
-  for (const std::string& l : read_lines(dir, "f001_res.dat")) {
+  for (const std::string& l : split_lines(read_file(r.dir + "/f001_res.dat"))) {
     double x, y, rho;
     if (std::sscanf(l.c_str(), "%lf %lf %lf", &x, &y, &rho) != 3 || x <= ex.front() || x >= ex.back())
       continue;
