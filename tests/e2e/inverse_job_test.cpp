@@ -44,11 +44,10 @@ std::vector<double> box_data(const Survey& s, const Box& box, double noise, unsi
 
 // Values of one VTK cell scalar, in element order.
 std::vector<double> vtk_scalar(const std::string& text, const std::string& name) {
+  const size_t at = text.find("SCALARS " + name + " double 1\nLOOKUP_TABLE default\n");
   std::vector<double> v;
-  size_t at = text.find("SCALARS " + name + " double 1\nLOOKUP_TABLE default\n");
   if (at == std::string::npos) return v;
-  at = text.find('\n', text.find("LOOKUP_TABLE", at)) + 1;
-  std::istringstream line(text.substr(at, text.find('\n', at) - at));
+  std::istringstream line(split_lines(text.substr(at))[2]);
   for (double x; line >> x;) v.push_back(x);
   return v;
 }

@@ -86,21 +86,23 @@ void build_survey(Survey* s) {
 
 int grid_cells(const Survey& s) { return (static_cast<int>(s.xs.size()) - 1) * (static_cast<int>(s.ys.size()) - 1); }
 
-std::string survey_head(const Survey& s, int job, const char* flux, int singular, int res_calc,
-                        bool triangles) {
+std::string grid_records(const std::vector<double>& xs, const std::vector<double>& ys) {
   std::ostringstream o;
   o.precision(10);
-  o << (triangles ? "Synthetic triangles\n" : "Synthetic grid survey\n") << job << (triangles ? " 3 " : " 4 ")
-    << flux << " " << singular << " " << res_calc << "\n";
-  if (triangles) return o.str() + "1.0\n";
-  o << s.xs.size() << " " << s.ys.size() << "\n";
-  for (double x : s.xs) o << x << " ";
+  o << xs.size() << " " << ys.size() << "\n";
+  for (double x : xs) o << x << " ";
   o << "\n";
-  for (size_t i = 0; i < s.xs.size(); ++i) o << "0 ";
+  for (size_t i = 0; i < xs.size(); ++i) o << "0 ";
   o << "\n";
-  for (double y : s.ys) o << y << " ";
+  for (double y : ys) o << y << " ";
   o << "\n";
   return o.str();
+}
+
+std::string survey_head(const Survey& s, int job, const char* flux, int singular, int res_calc, bool triangles) {
+  return std::string(triangles ? "Synthetic triangles\n" : "Synthetic grid survey\n") + std::to_string(job) +
+         (triangles ? " 3 " : " 4 ") + flux + " " + std::to_string(singular) + " " + std::to_string(res_calc) + "\n" +
+         (triangles ? "1.0\n" : grid_records(s.xs, s.ys));
 }
 
 std::string survey_regions(const Survey& s, double background, const std::vector<Box>& boxes,

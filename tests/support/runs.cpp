@@ -2,6 +2,7 @@
 // transcripts; comparison with expected-output files and their regeneration.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -13,10 +14,31 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// The scratch directories of this process, removed at its exit unless a test
+// failed (they are then left for a look); a child of a death test leaves
+// them to its parent.
+std::vector<std::string> scratch_dirs;
+pid_t scratch_owner = 0;
+
+void remove_scratch_dirs() {
+  if (getpid() != scratch_owner || ::testing::UnitTest::GetInstance()->failed_test_count() > 0) return;
+  for (const std::string& dir : scratch_dirs) fs::remove_all(dir);
+}
+
+}  // namespace
+
 std::string make_scratch_dir() {
   const char* tmp = std::getenv("TMPDIR");
   std::string pattern = std::string(tmp ? tmp : "/tmp") + "/q5testXXXXXX";
-  return mkdtemp(pattern.data()) ? pattern : std::string();
+  if (!mkdtemp(pattern.data())) return std::string();
+  if (scratch_owner == 0) {
+    scratch_owner = getpid();
+    std::atexit(remove_scratch_dirs);
+  }
+  scratch_dirs.push_back(pattern);
+  return pattern;
 }
 
 std::string read_file(const std::string& path) {

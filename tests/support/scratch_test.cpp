@@ -36,7 +36,6 @@ void ScratchTest::TearDown() {
   in_test = false;
   tio_close_all();
   std::filesystem::current_path(saved_);
-  std::filesystem::remove_all(dir_);
 }
 
 std::string console_of_child(bool stop, const std::function<void()>& body) {

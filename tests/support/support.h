@@ -14,7 +14,8 @@ using Files = std::vector<std::pair<std::string, std::string>>;  // name, text
 
 // ---- files -----------------------------------------------------------------
 
-// A fresh directory under $TMPDIR (or /tmp).
+// A fresh directory under $TMPDIR (or /tmp), removed when the test program
+// ends without a failed test.
 std::string make_scratch_dir();
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& text);
@@ -78,6 +79,9 @@ double pad_axis(std::vector<double>* axis, bool at_end, double step, double grow
 // four. Each element is its own parameter; no node is pinned.
 MeshModel grid_mesh(const std::vector<double>& xs, const std::vector<double>& ys,
                     int nodes_per_element, int zone = 1);
+// Grid records of Q5.in (mesh_type 4): node counts, columns, zero surface
+// offsets, depths; ten significant digits.
+std::string grid_records(const std::vector<double>& xs, const std::vector<double>& ys);
 // mesh.dat of a triangle mesh: element records with parameter and zone, then
 // the nodes, ten significant digits.
 std::string mesh_dat_text(const MeshModel& mesh);
