@@ -17,14 +17,35 @@ namespace fs = std::filesystem;
 namespace {
 
 // The scratch directories of this process, removed at its exit unless a test
-// failed (they are then left for a look); a child of a death test leaves
-// them to its parent.
+// failed (they are then left for a look); a death test's child leaves them.
 std::vector<std::string> scratch_dirs;
 pid_t scratch_owner = 0;
 
 void remove_scratch_dirs() {
   if (getpid() != scratch_owner || ::testing::UnitTest::GetInstance()->failed_test_count() > 0) return;
   for (const std::string& dir : scratch_dirs) fs::remove_all(dir);
+}
+
+// One part of a transcript under its heading; a part that does not end its
+// last line says so, as diff does.
+void section(std::string* out, const std::string& heading, const std::string& text) {
+  *out += "== " + heading + " ==\n" + text;
+  if (!text.empty() && text.back() != '\n') *out += "\n\\ no newline at end\n";
+}
+
+std::string mask(const std::string& text, const std::string& dir) {
+  std::string out;
+  for (std::string line : split_lines(text)) {
+    for (size_t at; (at = line.find(dir)) != std::string::npos;) line.replace(at, dir.size(), "$RUN");
+    const size_t colon = line.find(':'), end = line.size() - 2;  // the figure ends before " s" or " %"
+    if (line.rfind(" >> D a t e : ", 0) == 0)
+      line = " >> D a t e : dd - mm - yyyy";
+    else if (line.find(" time taken") != std::string::npos && colon != std::string::npos && end > colon + 1)
+      line.replace(colon + 1, end - colon - 1, std::string(end - colon - 2, ' ') + "#");
+    out += line + "\n";
+  }
+  if (!text.empty() && text.back() != '\n') out.pop_back();
+  return out;
 }
 
 }  // namespace
@@ -51,8 +72,6 @@ void write_file(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-bool file_exists(const std::string& path) { return fs::exists(path); }
-
 Lines split_lines(const std::string& text) {
   Lines lines;
   std::istringstream in(text);
@@ -60,72 +79,28 @@ Lines split_lines(const std::string& text) {
   return lines;
 }
 
-int find_line(const Lines& lines, const std::string& line, size_t from) {
-  for (size_t i = from; i < lines.size(); ++i)
-    if (lines[i] == line) return static_cast<int>(i);
-  return -1;
-}
-
-RunResult run_q5(const std::string& dir, int failing_call) {
+RunResult run_q5(const Files& inputs, int failing_call) {
+  const std::string dir = make_scratch_dir();
+  for (const auto& [name, text] : inputs) write_file(dir + "/" + name, text);
   const std::string program = failing_call > 0
       ? "Q5_FAIL_SOLVER_CALL=" + std::to_string(failing_call) + " '" + Q5_FAILING_SOLVER_BINARY + "'"
       : std::string("'") + Q5_BINARY + "'";
-  const std::string cmd = "cd '" + dir + "' && " + program + " > .console 2> .errors < /dev/null";
-  const int rc = std::system(cmd.c_str());
+  const int rc = std::system(("cd '" + dir + "' && " + program + " > .console 2> .errors < /dev/null").c_str());
   RunResult run{dir, WIFEXITED(rc) ? WEXITSTATUS(rc) : 128 + WTERMSIG(rc), read_file(dir + "/.console"),
-          read_file(dir + "/.errors"), {}};
+                read_file(dir + "/.errors"), {}};
   run.lines = split_lines(run.console);
   return run;
 }
 
-RunResult run_q5(const Files& inputs, int failing_call) {
-  const std::string dir = make_scratch_dir();
-  for (const auto& [name, text] : inputs) write_file(dir + "/" + name, text);
-  return run_q5(dir, failing_call);
-}
-
-namespace {
-
-// One part of a transcript under its heading; a part that does not end a
-// line says so, as diff does.
-void section(std::string* out, const std::string& heading, const std::string& text) {
-  *out += "== " + heading + " ==\n" + text;
-  if (!text.empty() && text.back() != '\n') *out += "\n\\ no newline at end\n";
-}
-
-std::string mask(const std::string& text, const std::string& dir) {
-  std::string out;
-  for (const std::string& l : split_lines(text)) {
-    std::string line = l;
-    for (size_t at; (at = line.find(dir)) != std::string::npos;) line.replace(at, dir.size(), "$RUN");
-    const std::string date = " >> D a t e : ";
-    const size_t colon = line.find(':');
-    if (line.rfind(date, 0) == 0) {
-      line = date + "dd - mm - yyyy";
-    } else if (line.find(" time taken") != std::string::npos && colon != std::string::npos &&
-               line.size() > colon + 3) {
-      // The figure stands right-aligned between the colon and " s" or " %".
-      const size_t end = line.size() - 2;
-      line.replace(colon + 1, end - colon - 1, std::string(end - colon - 2, ' ') + "#");
-    }
-    out += line + "\n";
-  }
-  if (!text.empty() && text.back() != '\n') out.pop_back();
-  return out;
-}
-
-}  // namespace
-
 std::string transcript(const RunResult& run, const Lines& whole) {
-  std::string out = "== exit status " + std::to_string(run.exit_status) + " ==\n";
+  std::string out = "== exit status " + std::to_string(run.exit_status) + " ==\n", listing;
   section(&out, "console", mask(run.console, run.dir));
   if (!run.errors.empty()) section(&out, "stderr", mask(run.errors, run.dir));
   section(&out, "Q5.out", mask(read_file(run.dir + "/Q5.out"), run.dir));
-  std::vector<std::string> names;
+  Lines names;
   for (const auto& entry : fs::directory_iterator(run.dir))
     if (entry.path().filename().string()[0] != '.') names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
-  std::string listing;
   for (const std::string& name : names) {
     const std::string text = read_file(run.dir + "/" + name);
     listing += name + " " + std::to_string(std::count(text.begin(), text.end(), '\n')) + " lines " +
@@ -156,10 +131,9 @@ void expect_matches_file(const std::string& path, const std::string& text) {
   const char* update = std::getenv("Q5_UPDATE_EXPECTED");
   if (update && std::string(update) == "1") {
     fs::create_directories(fs::path(full).parent_path());
-    write_file(full, text);
-    return;
+    return write_file(full, text);
   }
-  ASSERT_TRUE(file_exists(full)) << full << " is missing; a run with Q5_UPDATE_EXPECTED=1 writes it";
+  ASSERT_TRUE(fs::exists(full)) << full << " is missing; a run with Q5_UPDATE_EXPECTED=1 writes it";
   EXPECT_EQ(text, read_file(full)) << "differs from " << full;
 }
 

@@ -1,6 +1,6 @@
-// Test support shared by every test program: scratch directories and whole
-// files, runs of the real q5 with their transcripts and expected-output
-// files, and the grid, triangle and survey builders.
+// Test support shared by the test programs: scratch directories and files,
+// runs of the real q5 with their transcripts and expected-output files, and
+// the grid, triangle and survey builders.
 #pragma once
 
 #include <string>
@@ -12,19 +12,12 @@
 using Lines = std::vector<std::string>;
 using Files = std::vector<std::pair<std::string, std::string>>;  // name, text
 
-// ---- files -----------------------------------------------------------------
-
 // A fresh directory under $TMPDIR (or /tmp), removed when the test program
 // ends without a failed test.
 std::string make_scratch_dir();
-std::string read_file(const std::string& path);
+std::string read_file(const std::string& path);  // "" when absent
 void write_file(const std::string& path, const std::string& text);
-bool file_exists(const std::string& path);
 Lines split_lines(const std::string& text);
-// Index of the first line equal to `line` at or after `from`, or -1.
-int find_line(const Lines& lines, const std::string& line, size_t from = 0);
-
-// ---- runs of the real program ----------------------------------------------
 
 struct RunResult {
   std::string dir;
@@ -33,10 +26,9 @@ struct RunResult {
   Lines lines;               // the console, line by line
 };
 
-// Runs q5 in `dir` with no standard input; with failing_call > 0 the
-// failing-solver build instead, whose solver call of that number fails.
-RunResult run_q5(const std::string& dir, int failing_call = 0);
-// Writes `inputs` into a fresh scratch directory and runs q5 there.
+// Writes `inputs` into a fresh scratch directory and runs q5 there with no
+// standard input; with failing_call > 0 the failing-solver build instead,
+// whose solver call of that number fails.
 RunResult run_q5(const Files& inputs, int failing_call = 0);
 
 // The transcript of a run: exit status, console, standard error (when not
@@ -47,20 +39,15 @@ RunResult run_q5(const Files& inputs, int failing_call = 0);
 // time taken ...: figure s" or "%") is blanked but for a '#' in its last
 // column, and the scratch directory's path reads "$RUN".
 std::string transcript(const RunResult& run, const Lines& whole = {});
-// The files of `dir` named in `names` ("name:N" for the first N lines), each
-// under a heading line, masked as a transcript is.
+// The files of `dir` named in `names` as in a transcript.
 std::string file_sections(const std::string& dir, const Lines& names);
 
-// Compares `text` byte for byte with the expected-output file at `path`
-// (relative to tests/); with Q5_UPDATE_EXPECTED=1 in the environment writes
-// the file instead.
+// Compares `text` byte for byte with the expected-output file `path` (under
+// tests/); with Q5_UPDATE_EXPECTED=1 in the environment writes it instead.
 void expect_matches_file(const std::string& path, const std::string& text);
 
-// Runs q5 on `inputs` (see run_q5) and compares its transcript with the
-// expected-output file `path`; returns the run for further checks.
+// run_q5, and its transcript compared with the expected-output file `path`.
 RunResult expect_run(const std::string& path, const Files& inputs, const Lines& whole = {}, int failing_call = 0);
-
-// ---- grids, meshes and surveys ---------------------------------------------
 
 // Nodes from lo to hi, `step` apart.
 std::vector<double> uniform_axis(double lo, double hi, double step);
@@ -102,8 +89,7 @@ struct Survey {
 void build_survey(Survey* s);
 int grid_cells(const Survey& s);
 
-// A resistivity box in (x, depth) metres.
-struct Box {
+struct Box {  // a resistivity in x0..x1, depth d0..d1 (m)
   double x0, x1, d0, d1, rho;
 };
 
@@ -136,8 +122,7 @@ std::vector<double> forward_data(const Files& inputs, const Survey& s);
 // Relative Gaussian noise of `fraction`, from a fixed seed.
 std::vector<double> add_noise(std::vector<double> values, double fraction, unsigned seed);
 
-// Rows x, y, rho of a model table (fNNN_res.dat, forward_model.dat).
-struct ModelRow {
+struct ModelRow {  // x, y, rho of a model table (fNNN_res.dat, forward_model.dat)
   double x, y, rho;
 };
 std::vector<ModelRow> model_rows(const std::string& path);
