@@ -67,7 +67,7 @@ const ForwardCase kCases[] = {
      {"Q5_forward.dat"}, {}, 0},
     // PARDISO's factorisation under MKL's Intel OpenMP layer crashes on grid
     // matrices of this size here; the sequential layer must carry it.
-    {"large_grid", large_grid(), {}, {}, 50.0},
+    {"large_grid", large_grid(), {"Q5_forward.dat:4"}, {}, 50.0},
     // Two squares of two triangles each, records out of order, y as given
     // (negative down), scaled by 2; a start file; the polyline takes the left
     // square only. Three electrode numbers, one twice in the reading: a stop.

@@ -77,7 +77,7 @@ const RecoveryCase kRecoveries[] = {
     // survey's model, which is the start; each block carries the first survey
     // as its reference column, so dataset 1 already fits.
     {"time_lapse", 16, false, {6.0, 9.0, 1.0, 3.0, 50.0}, {6.0, 9.0, 1.0, 3.0, 40.0}, 0.001, 0.003, 1u, 1, 8, 0, 0,
-     0, {}},
+     0, {"f002_diffres.dat:3"}},
 };
 
 class Recovery : public ::testing::TestWithParam<RecoveryCase> {};
@@ -185,7 +185,7 @@ std::vector<EndCase> end_cases() {
       {"marquardt", 0.03, settings(0, 0.0, 1, 0, 6, 0, 0.03), 0, ONE, "3.0", 0, {}},
       {"quadratic_filter", 0.03, settings(2, 0.0, 1, 0, 6, 0, 0.03), 2, ONE, "3.0", 0, {}},
       {"blocked_filter", 0.03, settings(4, 0.0, 1, 0, 6, 0, 0.03) + block_labels(small_survey()), 0, ONE, "3.0", 0, {}},
-      {"joint_true_data", 0.03, settings(1, 0.0, 0, 1, 6, 0, 0.03), 0, ONE, "3.0", 0, {}},
+      {"joint_true_data", 0.03, settings(1, 0.0, 0, 1, 6, 0, 0.03), 0, ONE, "3.0", 0, {"f001_err.dat:2"}},
       {"clipped_weights", 0.03, settings(1, 0.0, 1, 0, 6, 1, 0.02), 0, ONE, "3.0", 0, {}},
       {"target_decrease", 0.03, settings(1, 0.5, 1, 0, 6, 0, 0.03), 1, ONE, "3.0", 0, {}},
       // Qualitative: one pass, no misfit; the map's VTK text goes to fort.18.
