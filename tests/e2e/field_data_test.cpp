@@ -1,11 +1,6 @@
-// Real survey geometry and data: the electrode positions, levelled
-// topography and measured resistances of the BGR slag-dump Wenner line
-// (examples/slagdump, made from the published survey), checked against the
-// range published for the line. Over a uniform 1 ohm m ground
-// (examples/slagdump/forward) each computed transfer resistance is 1/K for
-// the real ground surface, so the measured resistances turn into
-// topography-corrected apparent resistivities, which published work puts at
-// roughly 6 to 33 ohm m.
+// Real survey geometry and data: the BGR slag-dump Wenner line with its
+// levelled topography and measured resistances (examples/slagdump), forward
+// and inverse, checked against the range published for the line.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -37,6 +32,9 @@ Files example_inputs(const std::string& example) {
 
 }  // namespace
 
+// Over a uniform 1 ohm m ground each computed transfer resistance is 1/K for
+// the real ground surface, so the measured resistances turn into
+// topography-corrected apparent resistivities, published at 6 to 33 ohm m.
 TEST(FieldData, SlagDumpTopographyCorrectsApparentResistivities) {
   const std::vector<double> measured =
       measured_resistances(std::string(Q5_FIELDDATA) + "/slagdump/slagdump.ohm");

@@ -1,7 +1,6 @@
-// End-to-end forward jobs, one table: each run against its transcript
-// (expected/forward_<case>.txt, with Q5_forward.dat and the model files) and
-// against physics: reciprocity of transfer resistances, the resistivity of a
-// uniform ground.
+// Forward jobs end to end, one table: each run against its transcript
+// (expected/forward_<case>.txt) and against physics: reciprocity of transfer
+// resistances, the resistivity of a uniform ground.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,9 +1,6 @@
-// End-to-end inverse jobs on synthetic data made by q5's own forward job with
-// seeded noise: the recovery of known anomalies on both mesh kinds and of a
-// time-lapse change (one parameterised test), and the ends of a dataset with
-// their words, streams and files, the solver's failures among them (one
-// table). Each run's transcript is expected/recovery_<case>.txt or
-// expected/end_<case>.txt.
+// Inverse jobs end to end on data from q5's own forward job with seeded noise:
+// recovery of known models (expected/recovery_<case>.txt) and the ends of a
+// dataset, solver failures among them (expected/end_<case>.txt).
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,7 +1,6 @@
-// End-to-end runs of q5 on small control files, one table: the end of data,
-// every fatal stop of the run spine with its words on their streams, the
-// failures of the text layer (no stop word, non-zero status), and the banners
-// and warnings on the way. Each run's transcript is expected/spine_<case>.txt.
+// The run spine end to end, one table of small runs against their transcripts
+// (expected/spine_<case>.txt): end of data, every fatal stop, the text
+// layer's failures (no stop word, status 2), and the banners and warnings.
 #include <gtest/gtest.h>
 
 #include "support/support.h"
