@@ -5,24 +5,19 @@
 #include <vector>
 
 #include "data/measurement_set.h"
-#include "mesh/mesh_model.h"
+#include "support/support.h"
 
 namespace {
 
 // Four nodes at x = spacing * (k - 1), all at y = depth; electrode k on node k.
-void line(double spacing, double depth, MeshModel* m, ElectrodeTable* t) {
-  *m = MeshModel{4, 0, {0, spacing, 2 * spacing, 3 * spacing}, {depth, depth, depth, depth},
-                 {1}, {}, {}};
-  *t = ElectrodeTable{4, {1, 2, 3, 4}, {10, 20, 30, 40}};
-}
+MeshModel line(double spacing, double depth) { return grid_mesh({0, spacing, 2 * spacing, 3 * spacing}, {depth}, 4); }
 
 }  // namespace
 
 TEST(GeometricFactor, WennerAndBuriedElectrodes) {
-  MeshModel m;
-  ElectrodeTable t;
+  const ElectrodeTable t{4, {1, 2, 3, 4}, {10, 20, 30, 40}};
   for (double a : {0.5, 1.0, 37.5}) {
-    line(a, 0.0, &m, &t);
+    const MeshModel m = line(a, 0.0);
     // P+ at a, P- at 2a, C+ at 0, C- at 3a: 2 pi a, with the ten-digit 4 pi.
     double k = geometric_factor(m, t, 2, 3, 1, 4, 3.0);
     EXPECT_NEAR(k, 2.0 * M_PI * a, 2.0 * M_PI * a * 2e-10);
@@ -30,7 +25,7 @@ TEST(GeometricFactor, WennerAndBuriedElectrodes) {
     EXPECT_EQ(geometric_factor(m, t, 2, 3, 1, 4, 2.0), 1.0);  // two-dimensional flow
   }
   // 3 m below y = 0, 2 m apart: the image terms use y_A + y_B = 6.
-  line(2.0, 3.0, &m, &t);
+  const MeshModel m = line(2.0, 3.0);
   auto r = [](double dx, double dy) { return std::sqrt(dx * dx + dy * dy); };
   double g = 2 * (1 / r(2, 0) + 1 / r(2, 6)) - 2 * (1 / r(4, 0) + 1 / r(4, 6));
   EXPECT_NEAR(geometric_factor(m, t, 2, 3, 1, 4, 3.0), 12.566370616 / g, 1e-13 / g);
@@ -46,31 +41,29 @@ TEST(FindElectrode, LastRowWithTheNumberWinsAndMissingIsZero) {
 }
 
 TEST(Misfit, TrueAndLogDataWithTheirIgnoreRules) {
-  // True data: nothing is ever ignored; the sum is (W W e e) over n.
-  std::vector<double> c = {1.0, 2.0, -3.0}, d = {1.5, 1.0, -2.0}, W = {2.0, 0.5, 1.0};
-  std::vector<unsigned> flags(3, 0u);
-  int ignored = 0;
-  double expect = std::sqrt((4.0 * 0.25 + 0.25 * 1.0 + 1.0 * 1.0) / 3.0);
-  EXPECT_DOUBLE_EQ(rms(c.data(), d.data(), W.data(), flags.data(), 3, &ignored, false), expect);
-  EXPECT_EQ(ignored, 0);
-
-  // Log data: a negative ratio is flagged and leaves the divisor; a flagged
-  // measurement stays out; a zero weight stays in the divisor.
-  c = {2.0, -1.0, 3.0, 5.0};
-  d = {1.0, 1.0, 3.0, 1.0};
-  W = {1.0, 1.0, 0.0, 1.0};
-  flags = {0u, 0u, 0u, MEASUREMENT_IGNORED};
-  ignored = 1;
-  double r = rms(c.data(), d.data(), W.data(), flags.data(), 4, &ignored, true);
-  EXPECT_EQ(ignored, 2);
-  EXPECT_EQ(flags[1], MEASUREMENT_IGNORED);
-  EXPECT_DOUBLE_EQ(r, std::sqrt(std::log(2.0) * std::log(2.0) / 2.0));
-  // The misfit itself lets a ratio of exactly 0 through: ln 0 makes it infinite.
-  c = {0.0};
-  d = {1.0};
-  W = {1.0};
-  flags = {0u};
-  ignored = 0;
-  EXPECT_TRUE(std::isinf(rms(c.data(), d.data(), W.data(), flags.data(), 1, &ignored, true)));
-  EXPECT_EQ(ignored, 0);
+  // sqrt of (W e)^2 summed and divided by the count of those not ignored; e is
+  // d - c for true data, ln(c / d) for log data.
+  constexpr unsigned X = MEASUREMENT_IGNORED;
+  const struct {
+    std::vector<double> c, d, W;
+    std::vector<unsigned> flags, flags_after;
+    bool log;
+    int ignored, ignored_after;
+    double want;
+  } cases[] = {
+      // True data: nothing is ever ignored.
+      {{1, 2, -3}, {1.5, 1, -2}, {2, 0.5, 1}, {0, 0, 0}, {0, 0, 0}, false, 0, 0, std::sqrt((4 * 0.25 + 0.25 + 1) / 3)},
+      // Log data: a negative ratio is flagged and leaves the divisor; a
+      // flagged measurement stays out; a zero weight stays in the divisor.
+      {{2, -1, 3, 5}, {1, 1, 3, 1}, {1, 1, 0, 1}, {0, 0, 0, X}, {0, X, 0, X}, true, 1, 2, std::log(2.0) / std::sqrt(2.0)},
+      // A ratio of exactly 0 passes: ln 0 makes the misfit infinite.
+      {{0}, {1}, {1}, {0}, {0}, true, 0, 0, INFINITY},
+  };
+  for (auto c : cases) {
+    int ignored = c.ignored;
+    EXPECT_DOUBLE_EQ(rms(c.c.data(), c.d.data(), c.W.data(), c.flags.data(), static_cast<int>(c.c.size()), &ignored, c.log),
+                     c.want);
+    EXPECT_EQ(ignored, c.ignored_after);
+    EXPECT_EQ(c.flags, c.flags_after);
+  }
 }

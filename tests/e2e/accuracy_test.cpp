@@ -8,12 +8,11 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "e2e_util.h"
+#include "support/support.h"
 
 namespace {
 
@@ -21,10 +20,9 @@ using Quad = std::array<int, 4>;  // electrode ids P+, P-, C+, C-; id k sits at 
 
 // Cells of 0.25 m on [lo, hi], then growing by 1.3 to 300 m beyond hi (and lo if `both`).
 std::vector<double> axis(double lo, double hi, bool both) {
-  std::vector<double> v;
-  for (int i = 0; lo + i * 0.25 <= hi; ++i) v.push_back(lo + i * 0.25);
-  for (double step = 0.25; v.back() < hi + 300.0;) v.push_back(v.back() + (step *= 1.3));
-  for (double step = 0.25; both && v.front() > lo - 300.0;) v.insert(v.begin(), v.front() - (step *= 1.3));
+  std::vector<double> v = uniform_axis(lo, hi, 0.25);
+  pad_axis(&v, true, 0.25, 1.3, 0, 300.0);
+  if (both) pad_axis(&v, false, 0.25, 1.3, 0, 300.0);
   return v;
 }
 
@@ -34,10 +32,7 @@ std::string control(int last, int singular, auto model) {
   const std::vector<double> xs = axis(-2.0, last + 2.0, true), ys = axis(0.0, 3.0, false);  // ys: depths
   const size_t nx = xs.size(), ny = ys.size();
   std::ostringstream s;
-  s << std::fixed << "Accuracy bench\n0 4 3.0 " << singular << " 0\n" << nx << " " << ny << "\n";
-  for (const std::vector<double>& v : {xs, std::vector<double>(nx, 0.0), ys})  // x, surface offsets, depths
-    for (size_t i = 0; i < v.size(); ++i) s << v[i] << (i % 8 == 7 || i + 1 == v.size() ? "\n" : " ");
-  s << (nx - 1) * (ny - 1) << "\n";
+  s << "Accuracy bench\n0 4 3.0 " << singular << " 0\n" << grid_records(xs, ys) << (nx - 1) * (ny - 1) << "\n";
   for (size_t i = 0, e = 1; i + 1 < nx; ++i)
     for (size_t j = 0; j + 1 < ny; ++j, ++e)
       s << e << " " << e << " " << model((xs[i] + xs[i + 1]) / 2, (ys[j] + ys[j + 1]) / 2) << "\n";
@@ -61,30 +56,22 @@ void run_case(std::string name, int singular, const std::string& control, const 
               auto expected, double limit) {
   if (std::getenv("Q5_SKIP_SLOW")) GTEST_SKIP() << "Q5_SKIP_SLOW is set";
   name += ", Singular_type " + std::to_string(singular);
-  const std::string dir = make_run_dir();
   std::ostringstream protocol(std::to_string(quads.size()) + "\n", std::ios::ate);
   for (size_t i = 0; i < quads.size(); ++i)
     protocol << i + 1 << " " << quads[i][0] << " " << quads[i][1] << " " << quads[i][2] << " " << quads[i][3]
              << "\n";
-  write_file(dir, "Q5.in", control);
-  write_file(dir, "protocol.dat", protocol.str());
-  const RunResult run = run_q5_in(dir);
-  EXPECT_TRUE(run.exit_status == 0 && !run.console.empty() && run.console.back() == "All ok") << name;
-  const std::vector<std::string> lines = read_lines(dir, "Q5_forward.dat");
-  ASSERT_EQ(lines.size(), quads.size() + 1) << name << " in " << dir;
+  const RunResult run = run_q5({{"Q5.in", control}, {"protocol.dat", protocol.str()}});
+  EXPECT_TRUE(run.exit_status == 0 && !run.lines.empty() && run.lines.back() == "All ok") << name;
+  const std::vector<double> rho_a = forward_values(run.dir + "/Q5_forward.dat", true);
+  ASSERT_EQ(rho_a.size(), quads.size()) << name << " in " << run.dir;
   std::vector<double> errors;
-  for (size_t i = 0; i < quads.size(); ++i) {
-    double rho_a = 0.0;  // the last of place, P+, P-, C+, C-, transfer resistance, apparent resistivity
-    std::sscanf(lines[i + 1].c_str(), "%*f %*f %*f %*f %*f %*f %lf", &rho_a);
-    errors.push_back(100.0 * std::fabs(rho_a / expected(quads[i]) - 1.0));
-  }
+  for (size_t i = 0; i < quads.size(); ++i) errors.push_back(100.0 * std::fabs(rho_a[i] / expected(quads[i]) - 1.0));
   const Quad& w = quads[std::ranges::max_element(errors) - errors.begin()];
   std::ranges::sort(errors);
   std::printf("[accuracy] %-46s %4zu readings  worst %6.3f %% (P+ P- C+ C- at x = %d %d %d %d m)"
               "  median %6.3f %%\n", name.c_str(), errors.size(), errors.back(), w[0] - 1, w[1] - 1, w[2] - 1,
               w[3] - 1, errors[errors.size() / 2]);
   EXPECT_LT(errors.back(), singular ? limit : 3.0) << name;
-  if (!::testing::Test::HasFailure()) std::filesystem::remove_all(dir);
 }
 
 TEST(Accuracy, HomogeneousHalfSpace) {

@@ -4,38 +4,20 @@
 
 #include "run/control_file.h"
 
-namespace {
-
-// The estimate written out the slow way: every sum and product reduced
-// modulo 2^32 by hand and read back as a signed 32-bit value.
-long long wrap32(long long v) {
-  long long m = ((v % 4294967296LL) + 4294967296LL) % 4294967296LL;
-  return m >= 2147483648LL ? m - 4294967296LL : m;
-}
-
-long long reference_estimate(long long N, long long E, long long M, long long P, long long L,
-                             long long D0, long long D, long long W, bool inverse_job) {
-  long long R = wrap32(M + E + wrap32((L + 4) * N) + D + wrap32(4 * D0));
-  long long I = wrap32(wrap32((M + 8) * N) + wrap32(8 * D0));
-  long long Q = inverse_job ? wrap32(P * W) : 0;
-  if (inverse_job) R = wrap32(R + E + 10 * P + wrap32((P + 6) * D));
-  I = wrap32(wrap32(I + Q) + Q);  // the stencil counts twice
-  return (E + N) + 8 * R + 4 * I;
-}
-
-}  // namespace
-
 TEST(MemoryEstimate, ThirtyTwoBitProductsWrapAsIntended) {
-  // 5 x 3 grid by hand: nothing wraps.
-  EXPECT_EQ(memory_estimate_bytes(15, 8, 43, 0, 4, 10, 8, 5, false),
-            23 + 8 * (43 + 8 + 8 * 15 + 8 + 40) + 4 * (51 * 15 + 80));
-  // (M + 8) * N passes 2^31 on the larger meshes and must wrap, not trap.
-  EXPECT_GT((1400000LL + 8) * 200000, 2147483647LL);
-  for (int n : {1, 1000, 65536, 123457, 200000, 2000000})
-    for (bool inverse : {false, true})
-      EXPECT_EQ(memory_estimate_bytes(n, n - 1, 7 * n, n / 3, 96, n, n / 2, 13, inverse),
-                reference_estimate(n, n - 1, 7LL * n, n / 3, 96, n, n / 2, 13, inverse))
-          << n;
+  // Expected values by hand: every sum and product reduced modulo 2^32 and
+  // read back as a signed 32-bit value, then widened for the total. On the
+  // larger meshes (M + 8) * N passes 2^31 and must wrap, not trap.
+  const struct { int N, E, M, P, L, D0, D, W; bool inverse; long long bytes; } cases[] = {
+      {15, 8, 43, 0, 4, 10, 8, 5, false, 5155},  // a 5 x 3 grid: nothing wraps
+      {123457, 123456, 864199, 41152, 96, 123457, 61728, 13, false, -2611806379LL},
+      {123457, 123456, 864199, 41152, 96, 123457, 61728, 13, true, -16638176939LL},
+      {200000, 199999, 1400000, 66666, 96, 200000, 100000, 13, false, 3501703031LL},
+      {200000, 199999, 1400000, 66666, 96, 200000, 100000, 13, true, -11866307169LL},
+      {2000000, 1999999, 14000000, 666666, 96, 2000000, 1000000, 13, true, 14120008991LL},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(memory_estimate_bytes(c.N, c.E, c.M, c.P, c.L, c.D0, c.D, c.W, c.inverse), c.bytes) << c.N;
 }
 
 TEST(DatasetStem, DigitsRenderedOneByOneWithoutRangeCheck) {

@@ -1,9 +1,12 @@
 // Data descriptors, edit forms, the free-format write and the files of a channel.
 #include <cfloat>
+#include <climits>
 #include <cmath>
 #include <vector>
 
-#include "textio_fixture.h"
+#include "support/scratch_test.h"
+#include "support/support.h"
+#include "textio/textio.h"
 
 TEST(Render, DataDescriptors) {
   const struct { const char* desc; WriteValue v; const char* want; } cases[] = {
@@ -26,7 +29,7 @@ TEST(Render, DataDescriptors) {
 
 // A free-format line (integers in 12 columns counting the leading blank),
 // then edit forms; all read back. Opens, reopens and the default file.
-TEST_F(TextioTest, FreeFormatEditFormsAndChannels) {
+TEST_F(ScratchTest, FreeFormatEditFormsAndChannels) {
   const struct { const char* form; std::vector<WriteValue> v; const char* want; } cases[] = {
       {"I3$", {wv_int(1)}, "  1"},  // '$' keeps the line open for the next statement
       {"1X, 'CELLS ', 2I10", {wv_int(7), wv_int(28)}, " CELLS          7        28\n"},

@@ -1,8 +1,6 @@
-// A substitute for the solver library's entry point, linked into the test
-// program q5_failing_solver only: it passes every call to the real solver
-// except the one whose number (counting from 1 over all phases) stands in
-// the environment variable Q5_FAIL_SOLVER_CALL, which returns -4 without
-// touching the solver. The shipped q5 keeps the real entry point.
+// The solver entry point of q5_failing_solver (the shipped q5 keeps the real
+// one): every call goes to the real solver but the one whose number, from 1
+// over all phases, stands in Q5_FAIL_SOLVER_CALL; that one returns -4.
 #include <dlfcn.h>
 
 #include <cstdlib>

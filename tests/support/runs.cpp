@@ -1,0 +1,144 @@
+// Scratch directories and whole files; runs of the real q5 and their masked
+// transcripts; comparison with expected-output files and their regeneration.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "support/support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// The scratch directories of this process, removed at its exit unless a test
+// failed (they are then left for a look); a death test's child leaves them.
+std::vector<std::string> scratch_dirs;
+pid_t scratch_owner = 0;
+
+void remove_scratch_dirs() {
+  if (getpid() != scratch_owner || ::testing::UnitTest::GetInstance()->failed_test_count() > 0) return;
+  for (const std::string& dir : scratch_dirs) fs::remove_all(dir);
+}
+
+// One part of a transcript under its heading; a part that does not end its
+// last line says so, as diff does.
+void section(std::string* out, const std::string& heading, const std::string& text) {
+  *out += "== " + heading + " ==\n" + text;
+  if (!text.empty() && text.back() != '\n') *out += "\n\\ no newline at end\n";
+}
+
+std::string mask(const std::string& text, const std::string& dir) {
+  std::string out;
+  for (std::string line : split_lines(text)) {
+    for (size_t at; (at = line.find(dir)) != std::string::npos;) line.replace(at, dir.size(), "$RUN");
+    const size_t colon = line.find(':'), end = line.size() - 2;  // the figure ends before " s" or " %"
+    if (line.rfind(" >> D a t e : ", 0) == 0)
+      line = " >> D a t e : dd - mm - yyyy";
+    else if (line.find(" time taken") != std::string::npos && colon != std::string::npos && end > colon + 1)
+      line.replace(colon + 1, end - colon - 1, std::string(end - colon - 2, ' ') + "#");
+    out += line + "\n";
+  }
+  if (!text.empty() && text.back() != '\n') out.pop_back();
+  return out;
+}
+
+}  // namespace
+
+std::string make_scratch_dir() {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string pattern = std::string(tmp ? tmp : "/tmp") + "/q5testXXXXXX";
+  if (!mkdtemp(pattern.data())) return std::string();
+  if (scratch_owner == 0) {
+    scratch_owner = getpid();
+    std::atexit(remove_scratch_dirs);
+  }
+  scratch_dirs.push_back(pattern);
+  return pattern;
+}
+
+std::string read_file(const std::string& path) {
+  std::ostringstream s;
+  s << std::ifstream(path, std::ios::binary).rdbuf();
+  return s.str();
+}
+
+void write_file(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+Lines split_lines(const std::string& text) {
+  Lines lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+RunResult run_q5(const Files& inputs, int failing_call) {
+  const std::string dir = make_scratch_dir();
+  for (const auto& [name, text] : inputs) write_file(dir + "/" + name, text);
+  const std::string program = failing_call > 0
+      ? "Q5_FAIL_SOLVER_CALL=" + std::to_string(failing_call) + " '" + Q5_FAILING_SOLVER_BINARY + "'"
+      : std::string("'") + Q5_BINARY + "'";
+  const int rc = std::system(("cd '" + dir + "' && " + program + " > .console 2> .errors < /dev/null").c_str());
+  RunResult run{dir, WIFEXITED(rc) ? WEXITSTATUS(rc) : 128 + WTERMSIG(rc), read_file(dir + "/.console"),
+                read_file(dir + "/.errors"), {}};
+  run.lines = split_lines(run.console);
+  return run;
+}
+
+std::string transcript(const RunResult& run, const Lines& whole) {
+  std::string out = "== exit status " + std::to_string(run.exit_status) + " ==\n", listing;
+  section(&out, "console", mask(run.console, run.dir));
+  if (!run.errors.empty()) section(&out, "stderr", mask(run.errors, run.dir));
+  section(&out, "Q5.out", mask(read_file(run.dir + "/Q5.out"), run.dir));
+  Lines names;
+  for (const auto& entry : fs::directory_iterator(run.dir))
+    if (entry.path().filename().string()[0] != '.') names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
+    const std::string text = read_file(run.dir + "/" + name);
+    listing += name + " " + std::to_string(std::count(text.begin(), text.end(), '\n')) + " lines " +
+               std::to_string(text.size()) + " bytes\n";
+  }
+  section(&out, "files", listing);
+  return out + file_sections(run.dir, whole);
+}
+
+std::string file_sections(const std::string& dir, const Lines& names) {
+  std::string out;
+  for (const std::string& spec : names) {
+    const size_t colon = spec.find(':');
+    std::string text = read_file(dir + "/" + spec.substr(0, colon));
+    if (colon != std::string::npos) {
+      size_t end = 0;
+      for (int n = std::stoi(spec.substr(colon + 1)); n > 0 && end < text.size(); --n)
+        end = std::min(text.find('\n', end), text.size() - 1) + 1;
+      text.resize(end);
+    }
+    section(&out, spec, mask(text, dir));
+  }
+  return out;
+}
+
+void expect_matches_file(const std::string& path, const std::string& text) {
+  const std::string full = std::string(Q5_SOURCE_DIR) + "/tests/" + path;
+  const char* update = std::getenv("Q5_UPDATE_EXPECTED");
+  if (update && std::string(update) == "1") {
+    fs::create_directories(fs::path(full).parent_path());
+    return write_file(full, text);
+  }
+  ASSERT_TRUE(fs::exists(full)) << full << " is missing; a run with Q5_UPDATE_EXPECTED=1 writes it";
+  EXPECT_EQ(text, read_file(full)) << "differs from " << full;
+}
+
+RunResult expect_run(const std::string& path, const Files& inputs, const Lines& whole, int failing_call) {
+  const RunResult run = run_q5(inputs, failing_call);
+  expect_matches_file(path, transcript(run, whole));
+  return run;
+}
