@@ -3,8 +3,9 @@
 // half-space potential of a point source at every node for one wavenumber.
 #include <cmath>
 
-#include "forward/forward.h"
+#include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
+#include "run/constants.h"
 
 // Four times the signed area of the triangle of nodes i, j, k (1-based),
 // written as the weight is defined, positive when anticlockwise in (x, y).
@@ -111,9 +112,9 @@ void fill_primary_potential(const MeshModel& mesh, int source, double k,
   const double ys = y[source - 1];
   // k = 0 is the point source of the three-dimensional field (the divisor
   // is 4 pi); otherwise the two-dimensional transform with K0 (2 pi). Both
-  // divisors are the single-precision values widened.
+  // divisors are formed from pi in single precision.
   const bool point = k == 0.0;
-  const double scale = sigma_0 * (point ? 12.566370964050293 : 6.2831854820251465);
+  const double scale = sigma_0 * (point ? 4.0 * pi_single : 2.0 * pi_single);
   for (int i = 0; i < n; ++i) {
     const double dx = x[i] - xs;
     const double dy = y[i] - ys;
