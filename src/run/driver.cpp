@@ -1,7 +1,6 @@
-// The run driver: opens the fixed files, reads the control file stage by
-// stage while it builds the mesh, pattern, start model, parameter map, mask
-// and electrode table, then runs the forward job or the dataset loop of the
-// inverse job, and owns every exit.
+// The run driver: opens the fixed files, reads the control file while it
+// builds the mesh, pattern, model, map, mask and electrodes, then runs the
+// forward job or the inverse job's dataset loop, and owns every exit.
 #include "run/driver.h"
 
 #include <ctime>

@@ -1,14 +1,11 @@
-// Meshes for the forward, Jacobian and regularisation tests (grids numbered
-// as the mesh reader numbers them, cells cut into triangles, jitter and
-// shuffled node numbers, triangles from corner lists), a small survey ready
-// for the forward solver, and the dense solve the fast solvers are checked
-// against.
+// Meshes for the forward, Jacobian and regularisation tests (grids, cut
+// cells, jitter, triangle lists), a small survey ready for the forward
+// solver, and the dense solve the fast solvers are checked against.
 #pragma once
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <numeric>
 #include <random>
 #include <vector>
 
@@ -73,21 +70,6 @@ inline void jitter(MeshModel* m, std::mt19937& rng, double amount) {
   const double top = *std::min_element(m->node_y.begin(), m->node_y.end());
   for (int n = 0; n < m->num_nodes; ++n)
     if (m->node_y[n] > top) m->node_x[n] += d(rng), m->node_y[n] += d(rng);
-}
-
-// Renumbers the nodes at random (coordinates and the first p slots of each
-// element follow).
-inline void shuffle_nodes(MeshModel* m, int p, std::mt19937& rng) {
-  std::vector<int> to(m->num_nodes);
-  std::iota(to.begin(), to.end(), 1);
-  std::shuffle(to.begin(), to.end(), rng);
-  std::vector<double> x(m->num_nodes), y(m->num_nodes);
-  for (int n = 0; n < m->num_nodes; ++n) x[to[n] - 1] = m->node_x[n], y[to[n] - 1] = m->node_y[n];
-  m->node_x = x;
-  m->node_y = y;
-  for (int e = 0; e < m->num_elements; ++e)
-    for (int s = 0; s < p; ++s)
-      m->element_nodes[4 * e + s] = to[m->element_nodes[4 * e + s] - 1];
 }
 
 // Triangles from corner lists (3 nodes each); slot four takes the zone.
