@@ -1,7 +1,7 @@
 // Forward-job benchmark: builds a survey-sized and a large run directory,
-// runs the stages of a forward job in process with the solver's stage log on,
-// and reports set-up, per-wavenumber solver times, peak memory and the share
-// of the job spent inside PARDISO. Not part of the tests.
+// runs the driver's steps of a forward job in process with the solver's
+// stage log on, and reports set-up, per-wavenumber solver times, peak memory
+// and the share of the job spent inside PARDISO. Not part of the tests.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,24 +12,27 @@
 #include <string>
 #include <vector>
 
+#include "bench.h"
 #include "data/measurement_set.h"
 #include "forward/forward.h"
 #include "forward/forward_output.h"
-#include "inverse_bench.h"
 #include "mesh/mesh_model.h"
-#include "results/model_files.h"
-#include "run/control_file.h"
-#include "run/run_context.h"
-#include "run/timers.h"
+#include "run/driver.h"
 #include "textio/textio.h"
 
-namespace {
-
-double now() {
+double bench_seconds() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
 }
+
+long peak_rss_kb() {
+  rusage ru;
+  getrusage(RUSAGE_SELF, &ru);
+  return ru.ru_maxrss;
+}
+
+namespace {
 
 struct BenchCase {
   const char* name;
@@ -37,6 +40,13 @@ struct BenchCase {
   int cells_per_m;    // cells per electrode spacing near the line
   int rows;           // grid rows
 };
+
+// The polyline round the survey area, so that the mask has work to do.
+const double polyline_y[5] = {1, 1, -40, -40, 1};
+std::vector<double> polyline_x(const BenchCase& c) {
+  const double e = c.electrodes + 20;
+  return {-20, e, e, -20, -20};
+}
 
 // Column positions: fine cells under the line, growing by 1.3 to about
 // 300 m on either side; rows: fine near the surface, growing to ~300 m.
@@ -97,8 +107,8 @@ void write_case(const BenchCase& c, int* first_column, int* num_x) {
   std::fprintf(f, "2\n1 %lld 100.0\n%lld %lld 20.0\n", cells, cells / 3,
                cells / 3 + c.rows * 20);
   // A polyline round the survey area, so that the mask has work to do.
-  std::fprintf(f, "5\n-20 1\n%d 1\n%d -40\n-20 -40\n-20 1\n", c.electrodes + 20,
-               c.electrodes + 20);
+  std::fprintf(f, "5\n");
+  for (int k = 0; k < 5; ++k) std::fprintf(f, "%g %g\n", polyline_x(c)[k], polyline_y[k]);
   std::fprintf(f, "%d\n", c.electrodes);
   for (int k = 1; k <= c.electrodes; ++k)
     std::fprintf(f, "%d %d 1\n", k, *first_column + (k - 1) * c.cells_per_m);
@@ -123,12 +133,6 @@ void write_case(const BenchCase& c, int* first_column, int* num_x) {
   std::fclose(f);
 }
 
-long peak_rss_kb() {
-  rusage ru;
-  getrusage(RUSAGE_SELF, &ru);
-  return ru.ru_maxrss;
-}
-
 void run_case(const BenchCase& c) {
   std::string dir = "bench-" + std::string(c.name);
   mkdir(dir.c_str(), 0755);
@@ -136,93 +140,72 @@ void run_case(const BenchCase& c) {
   int first_column = 0, num_x = 0;
   write_case(c, &first_column, &num_x);
 
-  double t_start = now();
-  timer("init");
-  tio_open(CH_CONTROL, "Q5.in");
-  tio_open(CH_PROTOCOL, "protocol.dat");
-  tio_open(CH_ELECTRODES, "electrodes.dat");
-  tio_open(CH_ELECTRODES_VTK, "electrodes.vtk");
-  tio_open(CH_LOG, "Q5.out");
+  double t_start = bench_seconds();
+  start_run();
+  static RunState s;
+  s = RunState{};
+  double t0 = bench_seconds();
+  read_control_and_build(&s);
+  double t_build = bench_seconds() - t0;
+  const MeshModel& mesh = s.mesh;
+  const int npe = s.ctx.mesh_type;
 
-  static RunContext ctx;
-  static MeshModel mesh;
-  static ConductanceMatrix cm;
-  static std::vector<double> log_conductivity;
-  static OutputMask mask;
-  static ElectrodeTable table;
-  static ForwardWork work;
-
-  read_title(&ctx);
-  read_job_record(&ctx);
-  double t0 = now();
-  read_mesh(&ctx, &mesh);
-  double t_mesh = now() - t0;
-  check_singular_and_res_calc(&ctx);
-  t0 = now();
-  build_matrix_pattern(mesh, ctx.mesh_type, &cm);
-  double t_pattern = now() - t0;
-  check_flux_type(&ctx);
-  read_start_model(&ctx, mesh, &log_conductivity);
-  t0 = now();
-  read_polyline_mask(ctx, &mesh, &mask);
-  double t_mask = now() - t0;
-  read_electrodes(ctx, mesh, &table);
-  work.right_hand_side.assign(mesh.num_nodes, 0.0);
-  work.primary_potential.assign(mesh.num_nodes, 0.0);
-  work.potentials.assign((size_t)mesh.num_nodes * table.num_electrodes, 0.0);
+  // Stages of the reading step timed once more on their own, on its mesh.
+  double t_pattern = 0.0, t_mask = 0.0;
+  {
+    MatrixPattern pattern;
+    ForwardWork work;
+    t0 = bench_seconds();
+    build_matrix_pattern(mesh, npe, &pattern, &work);
+    t_pattern = bench_seconds() - t0;
+    OutputMask mask;
+    const std::vector<double> px = polyline_x(c);
+    t0 = bench_seconds();
+    polyline_mask(mesh, npe, 5, px.data(), polyline_y, &mask);
+    t_mask = bench_seconds() - t0;
+  }
   // The search of a triangle mesh (every node against every electrode) is
   // timed on the same nodes; the grid then gets its own pinned node back.
-  t0 = now();
-  choose_pinned_node(3, table, &mesh);
-  double t_pin_search = now() - t0;
-  t0 = now();
-  choose_pinned_node(ctx.mesh_type, table, &mesh);
-  double t_pin = now() - t0;
+  t0 = bench_seconds();
+  choose_pinned_node(3, s.table, &s.mesh);
+  double t_pin_search = bench_seconds() - t0;
+  t0 = bench_seconds();
+  choose_pinned_node(npe, s.table, &s.mesh);
+  double t_pin = bench_seconds() - t0;
 
-  t0 = now();
-  tio_open(CH_MODEL, "forward_model.dat");
-  tio_open(CH_MODEL_VTK, "forward_model.vtk");
-  write_model(log_conductivity.data(), mesh, mask, ctx.mesh_type, false,
-              CH_MODEL, CH_MODEL_VTK, 0);
-  tio_close(CH_MODEL);
-  tio_close(CH_MODEL_VTK);
-  double t_model = now() - t0;
+  t0 = bench_seconds();
+  write_forward_model(s);
+  double t_model = bench_seconds() - t0;
 
-  int head = 0;
-  tio_read(CH_PROTOCOL, READ_PLAIN, {rd_int(&head)});
+  const int head = read_block_head();
   MeasurementSet ms;
-  allocate_measurements(head, &ms);
-  read_measurements(ctx, mesh, table, &ms);
+  read_block(s, head, &ms);
   std::vector<double> resistance(ms.num_measurements);
   double wavenumbers[MAX_WAVENUMBERS], weights[MAX_WAVENUMBERS];
-  double min_spacing, max_spacing;
-  measurement_spacing(mesh, table, ms, &min_spacing, &max_spacing);
-  wavenumber_rule(MAX_WAVENUMBERS, 0, min_spacing, max_spacing, wavenumbers,
-                  weights, &ctx.num_wavenumbers);
+  const Quadrature q = choose_wavenumbers(&s, ms, wavenumbers, weights);
 
   solver_stage_log.enabled = true;
   solver_stage_log.count = 0;
-  int failed = 0;
-  t0 = now();
-  forward_solve(mesh, ctx.mesh_type, &cm, table, ms, log_conductivity.data(),
-                wavenumbers, weights, ctx.num_wavenumbers, ctx.flux_type,
-                ctx.singularity_removal, &work, resistance.data(), &failed);
-  double t_forward = now() - t0;
+  t0 = bench_seconds();
+  const int failed = forward_solve(forward_mesh(s), ms, s.log_conductivity.data(),
+                                   q, &s.work, resistance.data());
+  double t_forward = bench_seconds() - t0;
   solver_stage_log.enabled = false;
-  t0 = now();
-  write_forward_results(mesh, table, ms, resistance.data(), ctx.flux_type);
-  double t_results = now() - t0;
-  double t_total = now() - t_start;
+  t0 = bench_seconds();
+  write_forward_results(mesh, s.table, ms, resistance.data(), s.ctx.flux_type);
+  double t_results = bench_seconds() - t0;
+  // The job's own time, without the stages timed a second time.
+  double t_total = bench_seconds() - t_start - (t_pattern + t_mask);
   tio_close_all();
 
   std::printf("\n== %s: %d nodes, %d elements, %d stored entries, %d electrodes, "
               "%d readings, %d wavenumbers%s\n",
-              c.name, mesh.num_nodes, mesh.num_elements, cm.num_entries,
-              table.num_electrodes, ms.num_measurements, ctx.num_wavenumbers,
+              c.name, mesh.num_nodes, mesh.num_elements, s.pattern.num_entries,
+              s.table.num_electrodes, ms.num_measurements, s.ctx.num_wavenumbers,
               failed ? " (FAILED)" : "");
-  std::printf("set-up: mesh %.3f s, pattern %.3f s, mask %.3f s, pinned node %.3f s "
-              "(search as on mesh.dat %.3f s), model files %.3f s\n",
-              t_mesh, t_pattern, t_mask, t_pin, t_pin_search, t_model);
+  std::printf("set-up: reading and building %.3f s; alone: pattern %.3f s, mask %.3f s, "
+              "pinned node %.3f s (search as on mesh.dat %.3f s); model files %.3f s\n",
+              t_build, t_pattern, t_mask, t_pin, t_pin_search, t_model);
   std::printf("%3s %10s %10s %10s %10s %12s %12s %8s\n", "j", "k (1/m)",
               "assembly", "reorder", "factor", "solve/elec", "rhs/elec", "solves");
   double in_pardiso = 0.0;

@@ -1,34 +1,23 @@
 // Inverse-job benchmark: the Jacobian's solves and its accumulation on a
 // large grid (at least 2,000 readings and 10,000 parameters), the inner
-// solver on that Jacobian, and the peak memory against the size of J; then
-// the bundled inverse example through the program itself. Not part of the tests.
-#include "inverse_bench.h"
-
-#include <sys/resource.h>
-
+// solver on that Jacobian, the peak memory against the size of J, and the
+// conjugate gradient's read rate. Not part of the tests.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "bench.h"
 #include "data/measurement_set.h"
 #include "forward/forward.h"
-#include "inverse_kernels.h"
 #include "inversion/inversion.h"
 #include "mesh/mesh_model.h"
 #include "run/run_context.h"
 #include "textio/textio.h"
 
 namespace {
-
-double seconds() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
-}
 
 // Grid of nx by ny nodes: 0.5 m columns under 96 electrodes 1 m apart,
 // padding growing by 1.3, rows from 0.25 m growing by 1.06; every cell a
@@ -93,43 +82,35 @@ void readings(MeasurementSet* ms) {
   }
 }
 
-long peak_rss_kb() {
-  rusage ru;
-  getrusage(RUSAGE_SELF, &ru);
-  return ru.ru_maxrss;
-}
-
 }  // namespace
 
 void run_inverse_bench() {
   static MeshModel mesh;
   static ElectrodeTable table;
-  static ConductanceMatrix cm;
+  static MatrixPattern pattern;
   static ForwardWork work;
   static MeasurementSet ms;
   int nx = 0, ny = 0;
   large_grid(&mesh, &table, &nx, &ny);
   readings(&ms);
   tio_open(CH_LOG, "Q5.out");
-  build_matrix_pattern(mesh, 4, &cm);
+  build_matrix_pattern(mesh, 4, &pattern, &work);
   choose_pinned_node(4, table, &mesh);
-  work.right_hand_side.assign(mesh.num_nodes, 0.0);
-  work.primary_potential.assign(mesh.num_nodes, 0.0);
-  work.potentials.assign((size_t)mesh.num_nodes * table.num_electrodes, 0.0);
+  allocate_forward_vectors(mesh.num_nodes, table.num_electrodes, &work);
+  const ForwardMesh fm{&mesh, 4, &pattern, &table};
   const int n = ms.num_measurements, P = mesh.num_elements;
   std::vector<double> lc(P, -std::log(100.0)), v(P, -std::log(100.0));
   std::vector<double> c(n), J((size_t)n * P);
-  const double k[1] = {0.0}, w[1] = {1.0};
-
   // One wavenumber (two-dimensional flow) isolates one accumulation pass.
-  int failed = 0;
-  double t0 = seconds();
-  forward_solve(mesh, 4, &cm, table, ms, lc.data(), k, w, 1, 2.0, false, &work, c.data(), &failed);
-  const double t_forward = seconds() - t0;
-  t0 = seconds();
-  compute_jacobian(mesh, 4, &cm, table, ms, lc.data(), v.data(), P, k, w, 1, 2.0, false, false,
-                   &work, J.data(), c.data(), &failed);
-  const double t_jacobian = seconds() - t0;
+  const Quadrature q{nullptr, nullptr, 1, 2.0, false, 0.0};
+
+  double t0 = bench_seconds();
+  forward_solve(fm, ms, lc.data(), q, &work, c.data());
+  const double t_forward = bench_seconds() - t0;
+  t0 = bench_seconds();
+  compute_jacobian(fm, ms, ParameterModel{lc.data(), v.data(), P}, q, false,
+                   &work, J.data(), c.data());
+  const double t_jacobian = bench_seconds() - t0;
   const double t_accumulate = t_jacobian - t_forward;
   const double updates = (double)P * 16.0 * n;
   std::printf("\n== inverse, large: %d nodes, %d readings, %d parameters, J %.0f MB\n",
@@ -156,10 +137,11 @@ void run_inverse_bench() {
   for (double alpha : {1e3}) {
     double result = 0.0;
     int not_converged = 0;
-    t0 = seconds();
-    inner_solve(J.data(), v.data(), m0.data(), e.data(), W.data(), scale.data(), C, alpha, 0.0, P,
-                n, false, false, &sw, dm.data(), &result, &not_converged);
-    const double t = seconds() - t0;
+    const NormalEquations eq{J.data(), W.data(), e.data(), v.data(), m0.data(), scale.data(),
+                             &C, alpha, 0.0, false, false, n, P};
+    t0 = bench_seconds();
+    inner_solve(eq, &sw, dm.data(), &result, &not_converged);
+    const double t = bench_seconds() - t0;
     if (not_converged)
       std::printf("inner solve, alpha %g: step limit reached, ratio %.3g, %.2f s\n", alpha, result, t);
     else

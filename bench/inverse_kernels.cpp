@@ -1,27 +1,19 @@
 // Inverse-kernel benchmark: the rate at which the inner solver's conjugate
 // gradient reads the Jacobian, against a plain streaming read of the same
 // array in the same run. Not part of the tests.
-#include "inverse_kernels.h"
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
-#include <ctime>
 #include <random>
 #include <vector>
 
+#include "bench.h"
 #include "inversion/inversion.h"
 
 namespace {
 
 // Where the streaming sums go, so that they are not optimised away.
 volatile double sink;
-
-double seconds() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return (double)ts.tv_sec + 1e-9 * (double)ts.tv_nsec;
-}
 
 // Sum of the array with eight independent sums: as fast as one core reads.
 // The pointer goes through an empty asm so repeated calls are not merged.
@@ -67,22 +59,20 @@ void bench_cg_rate(int n, int P) {
   const double alpha = 0.05 * n;
   double result = 0.0;
   int failed = 0;
-  auto solve = [&] {
-    inner_solve(J.data(), m.data(), m0.data(), e.data(), W.data(), c.data(),
-                C, alpha, 0.0, P, n, false, false, &work, dm.data(), &result,
-                &failed);
-  };
+  const NormalEquations eq{J.data(), W.data(), e.data(), m.data(), m0.data(),
+                           c.data(), &C, alpha, 0.0, false, false, n, P};
+  auto solve = [&] { inner_solve(eq, &work, dm.data(), &result, &failed); };
   // Rounds of one solve and one streaming read; the best of each, so that
   // both see the machine at its least disturbed.
   double solve_time = 1e30, read_time = 1e30, sum = 0.0;
   solve();
   for (int round = 0; round < 3; ++round) {
-    double t0 = seconds();
+    double t0 = bench_seconds();
     solve();
-    solve_time = std::min(solve_time, seconds() - t0);
-    t0 = seconds();
+    solve_time = std::min(solve_time, bench_seconds() - t0);
+    t0 = bench_seconds();
     sum += streaming_sum(J.data(), N);
-    read_time = std::min(read_time, seconds() - t0);
+    read_time = std::min(read_time, bench_seconds() - t0);
   }
   const int steps = failed ? P / 2 : (int)result;
   // Two passes per step, one for the scaling and one for the right-hand side.

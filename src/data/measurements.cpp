@@ -5,6 +5,7 @@
 
 #include "data/measurement_set.h"
 #include "mesh/mesh_model.h"
+#include "run/constants.h"
 #include "run/memory_guard.h"
 #include "run/run_context.h"
 #include "textio/textio.h"
@@ -56,7 +57,7 @@ double geometric_factor(const MeshModel& mesh, const ElectrodeTable& table,
              1.0 / r(node_n, node_a) - 1.0 / ri(node_n, node_a) -
              1.0 / r(node_m, node_b) - 1.0 / ri(node_m, node_b) +
              1.0 / r(node_n, node_b) + 1.0 / ri(node_n, node_b);
-  return 1.0 / (g / 12.566370616);
+  return 1.0 / (g / (4.0 * pi_ten_digits));
 }
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstdint>
 
-#include "forward/forward.h"
+#include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
 #include "run/timers.h"
 
@@ -36,16 +36,12 @@ void element_matrix(double* ae, const double* node_x, const double* node_y,
   // Local coordinates, 1-based as the sub-triangle table; slot p + 1 is the
   // vertex mean, so that both shapes are split the same way.
   double x[6], y[6];
-  double sx = 0.0, sy = 0.0;
   for (int t = 1; t <= p; ++t) {
     x[t] = node_x[nodes[t - 1] - 1];
     y[t] = node_y[nodes[t - 1] - 1];
-    sx = sx + x[t];
-    sy = sy + y[t];
   }
   const int c = p + 1;
-  x[c] = sx / p;
-  y[c] = sy / p;
+  element_centre(node_x, node_y, nodes, p, &x[c], &y[c]);
 
   const int (*parts)[3] = p == 3 ? triangle_parts : quad_parts;
 #define AE(r, s) ae[((r) - 1) + 5 * ((s) - 1)]
@@ -86,11 +82,11 @@ void element_matrix(double* ae, const double* node_x, const double* node_y,
 // made once per wavenumber into the store sized with the pattern. Copies of
 // what element_matrix returns, so every user sees the same bits.
 const double* element_matrices(const MeshModel& mesh, int nodes_per_element,
-                               double k, ConductanceMatrix* cm) {
+                               double k, ForwardWork* work) {
   const int p = nodes_per_element;
   const std::size_t pp = static_cast<std::size_t>(p) * p;
-  double* store = cm->element_matrices.data();
-  if (same_wavenumber(cm->element_matrices_k, k)) return store;
+  double* store = work->element_matrices.data();
+  if (same_wavenumber(work->element_matrices_k, k)) return store;
   double ae[25];
   const double* x = mesh.node_x.data();
   const double* y = mesh.node_y.data();
@@ -99,31 +95,31 @@ const double* element_matrices(const MeshModel& mesh, int nodes_per_element,
     element_matrix(ae, x, y, en + 4 * e, p, k);
     copy_block(ae, p, store + pp * e);
   }
-  cm->element_matrices_k = k;
+  work->element_matrices_k = k;
   return store;
 }
 
-// Inputs: mesh (nodes, elements, pin_flags), nodes_per_element p,
-// log_conductivity (E), k (1/m).
-// In/out: cm->matrix_values (M, overwritten), cm->element_matrices (the store
-// of wavenumber k, refilled when k changes); the pattern is read only.
-void assemble_matrix(const MeshModel& mesh, int nodes_per_element,
-                     const double* log_conductivity, double k,
-                     ConductanceMatrix* cm) {
+// Inputs: fm (mesh with pin_flags, p, pattern), log_conductivity (E),
+// k (1/m).
+// In/out: work->matrix_values (M, overwritten), work->element_matrices (the
+// store of wavenumber k, refilled when k changes).
+void assemble_matrix(const ForwardMesh& fm, const double* log_conductivity,
+                     double k, ForwardWork* work) {
   timer("ele0");
-  const int p = nodes_per_element;
+  const MeshModel& mesh = *fm.mesh;
+  const int p = fm.nodes_per_element;
   const std::size_t pp = static_cast<std::size_t>(p) * p;
   const int n_nodes = mesh.num_nodes;
-  const int* row_start = cm->matrix_row_start.data();
-  double* values = cm->matrix_values.data();
+  const int* row_start = fm.pattern->matrix_row_start.data();
+  double* values = work->matrix_values.data();
   const int m = row_start[n_nodes] - 1;
   for (int t = 0; t < m; ++t) values[t] = 0.0;
 
   // Each local pair adds s * ae(i, j) at the place the pattern gave it, in
   // element order and pair order with i outer; mirrored pairs and pairs
   // outside the pattern have no place and add nothing.
-  const double* store = element_matrices(mesh, p, k, cm);
-  const int* positions = cm->element_positions.data();
+  const double* store = element_matrices(mesh, p, k, work);
+  const int* positions = fm.pattern->element_positions.data();
   for (int e = 0; e < mesh.num_elements; ++e) {
     const double s = std::exp(log_conductivity[e]);
     const double* a = store + pp * e;

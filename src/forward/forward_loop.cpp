@@ -4,56 +4,30 @@
 #include <cstddef>
 
 #include "data/measurement_set.h"
-#include "forward/forward.h"
+#include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
 
 namespace {
 
-// k = 0, w = 1 for two-dimensional flow (flux_type <= 2.0), else entry j of
-// the table.
-void wavenumber_term(double flux_type, const double* wavenumbers,
-                     const double* wavenumber_weights, int j, double* k,
-                     double* w) {
-  if (flux_type <= 2.0) {
-    *k = 0.0;  // two-dimensional flow: one plain solve with weight 1
-    *w = 1.0;
-  } else {
-    *k = wavenumbers[j];
-    *w = wavenumber_weights[j];
-  }
-}
-
-// Inputs: mesh, pattern cm (values, permutation and element store are work),
-// electrode table, log_conductivity (E), k (1/m), sigma_0 (S/m, with
-// singularity removal only).
-// Work: work->right_hand_side (N), work->primary_potential (N).
+// Inputs: fm, log_conductivity (E), q (singularity_removal, sigma_0), k (1/m).
+// Work: as solve_wavenumber.
 // Output: work->potentials (N * L, column c the unit source at electrode c).
 // Returns 0, or the PARDISO error code of the solve that failed.
-int solve_all_electrodes(const MeshModel& mesh, int nodes_per_element,
-                         ConductanceMatrix* cm, const ElectrodeTable& table,
-                         const double* log_conductivity, double k,
-                         double sigma_0, bool singularity_removal,
-                         ForwardWork* work) {
-  const int n = mesh.num_nodes;
-  const int n_electrodes = table.num_electrodes;
-  double* potentials = work->potentials.data();
+int solve_all_electrodes(const ForwardMesh& fm, const double* log_conductivity,
+                         const Quadrature& q, double k, ForwardWork* work) {
+  const int n_electrodes = fm.table->num_electrodes;
   // Assemble and factorise at the first electrode, solve only at the
   // others, free the factors at the last.
   bool release = false;
   bool reuse = false;
   for (int c = 1; c <= n_electrodes; ++c) {
     if (c == n_electrodes) release = true;
-    const int s = table.electrode_nodes[c - 1];
-    if (singularity_removal) {
-      fill_primary_potential(mesh, s, k, sigma_0,
-                             work->primary_potential.data());
+    if (q.singularity_removal) {
+      fill_primary_potential(*fm.mesh, fm.table->electrode_nodes[c - 1], k,
+                             q.sigma_0, work->primary_potential.data());
     }
-    int error = 0;
-    solve_wavenumber(mesh, nodes_per_element, log_conductivity, cm,
-                     work->right_hand_side.data(),
-                     work->primary_potential.data(),
-                     potentials + static_cast<std::size_t>(c - 1) * n, s, k,
-                     sigma_0, singularity_removal, reuse, release, &error);
+    const int error = solve_wavenumber(fm, log_conductivity, q, k, c, reuse,
+                                       release, work);
     if (error != 0) return error;
     reuse = true;
   }
@@ -82,55 +56,53 @@ void add_transfer_resistances(const ElectrodeTable& table,
 
 }  // namespace
 
-int forward_term(const MeshModel& mesh, int nodes_per_element,
-                 ConductanceMatrix* cm, const ElectrodeTable& table,
-                 const MeasurementSet& ms, const double* log_conductivity,
-                 const double* wavenumbers, const double* wavenumber_weights,
-                 int j, double flux_type, double sigma_0,
-                 bool singularity_removal, ForwardWork* work,
-                 double* transfer_resistance, double* k, double* w) {
-  wavenumber_term(flux_type, wavenumbers, wavenumber_weights, j, k, w);
-  int error = solve_all_electrodes(mesh, nodes_per_element, cm, table,
-                                   log_conductivity, *k, sigma_0,
-                                   singularity_removal, work);
+void allocate_forward_vectors(int num_nodes, int num_electrodes,
+                              ForwardWork* work) {
+  const std::size_t n = static_cast<std::size_t>(num_nodes);
+  work->right_hand_side.assign(n, 0.0);
+  work->primary_potential.assign(n, 0.0);
+  work->potentials.assign(n * static_cast<std::size_t>(num_electrodes), 0.0);
+}
+
+int forward_term(const ForwardMesh& fm, const MeasurementSet& ms,
+                 const double* log_conductivity, const Quadrature& q, int j,
+                 ForwardWork* work, double* transfer_resistance) {
+  if (q.flux_type <= 2.0) {
+    work->k = 0.0;  // two-dimensional flow: one plain solve with weight 1
+    work->w = 1.0;
+  } else {
+    work->k = q.wavenumbers[j];
+    work->w = q.weights[j];
+  }
+  const int error =
+      solve_all_electrodes(fm, log_conductivity, q, work->k, work);
   if (error != 0) return error;
-  add_transfer_resistances(table, ms, mesh.num_nodes, work->potentials.data(),
-                           *w, transfer_resistance);
+  add_transfer_resistances(*fm.table, ms, fm.mesh->num_nodes,
+                           work->potentials.data(), work->w,
+                           transfer_resistance);
   return 0;
 }
 
-// Inputs: mesh, pattern cm (values, permutation and element store are work),
-// electrode table, measurement set ms, log_conductivity (E), wavenumbers and
-// wavenumber_weights (num_wavenumbers, 1/m and dimensionless), flux_type,
-// singularity_removal.
-// Work: work->right_hand_side (N), work->primary_potential (N),
-// work->potentials (N * L).
-// Outputs: transfer_resistance (ms.num_measurements, ohm), forward_failed.
-void forward_solve(const MeshModel& mesh, int nodes_per_element,
-                   ConductanceMatrix* cm, const ElectrodeTable& table,
-                   const MeasurementSet& ms, const double* log_conductivity,
-                   const double* wavenumbers, const double* wavenumber_weights,
-                   int num_wavenumbers, double flux_type,
-                   bool singularity_removal, ForwardWork* work,
-                   double* transfer_resistance, int* forward_failed) {
-  *forward_failed = 0;
+// Inputs: fm, ms, log_conductivity (E), q (its sigma_0 is set here from the
+// model). Work: as forward_term.
+// Output: transfer_resistance (ms.num_measurements, ohm).
+int forward_solve(const ForwardMesh& fm, const MeasurementSet& ms,
+                  const double* log_conductivity, const Quadrature& q,
+                  ForwardWork* work, double* transfer_resistance) {
   for (int i = 0; i < ms.num_measurements; ++i) transfer_resistance[i] = 0.0;
 
   // sigma_0 depends on the model alone.
-  double sigma_0 = 0.0;
-  if (singularity_removal) {
-    sigma_0 = reference_conductivity(mesh, nodes_per_element, log_conductivity);
+  Quadrature terms = q;
+  terms.sigma_0 = 0.0;
+  if (q.singularity_removal) {
+    terms.sigma_0 = reference_conductivity(*fm.mesh, fm.nodes_per_element,
+                                           log_conductivity);
   }
-  for (int j = 0; j < num_wavenumbers; ++j) {
-    double k, w;
-    int error = forward_term(mesh, nodes_per_element, cm, table, ms,
-                             log_conductivity, wavenumbers, wavenumber_weights,
-                             j, flux_type, sigma_0, singularity_removal, work,
-                             transfer_resistance, &k, &w);
-    if (error != 0) {
-      *forward_failed = error;
-      return;
-    }
+  for (int j = 0; j < q.num_wavenumbers; ++j) {
+    const int error =
+        forward_term(fm, ms, log_conductivity, terms, j, work,
+                     transfer_resistance);
+    if (error != 0) return error;
   }
+  return 0;
 }
-

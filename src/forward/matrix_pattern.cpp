@@ -88,13 +88,13 @@ int higher_neighbours(const MeshModel& mesh, int p, int i,
 // gi < gj (0 if the pattern lacks it), and nothing when gi >= gj at i != j,
 // since the mirrored pair supplies that term.
 void build_element_positions(const MeshModel& mesh, int p,
-                             ConductanceMatrix* cm) {
+                             MatrixPattern* pattern) {
   const int pp = p * p;
   const int* en = mesh.element_nodes.data();
-  const int* row_start = cm->matrix_row_start.data();
-  const int* columns = cm->matrix_columns.data();
-  cm->element_positions.assign(static_cast<std::size_t>(mesh.num_elements) * pp, 0);
-  int* pos = cm->element_positions.data();
+  const int* row_start = pattern->matrix_row_start.data();
+  const int* columns = pattern->matrix_columns.data();
+  pattern->element_positions.assign(static_cast<std::size_t>(mesh.num_elements) * pp, 0);
+  int* pos = pattern->element_positions.data();
   for (int e = 0; e < mesh.num_elements; ++e) {
     for (int i = 0; i < p; ++i) {
       const int gi = en[4 * e + i];
@@ -117,8 +117,8 @@ void build_element_positions(const MeshModel& mesh, int p,
   }
 }
 
-}  // namespace
-
+// Counts the stored entries M of the mesh's pattern, writing its progress
+// line first.
 int count_storage(const MeshModel& mesh, int nodes_per_element) {
   tio_write(CH_CONSOLE,
             "1X, '>> Determining storage needed for finite element "
@@ -137,8 +137,10 @@ int count_storage(const MeshModel& mesh, int nodes_per_element) {
   return m;
 }
 
+// Fills matrix_row_start and matrix_columns (sized N + 1 and M) and the
+// element positions, writing its progress line first.
 void generate_index(const MeshModel& mesh, int nodes_per_element,
-                    ConductanceMatrix* cm) {
+                    MatrixPattern* pattern) {
   tio_write(CH_CONSOLE,
             "1X, '>> Generating index array for finite element conductance "
             "matrix'");
@@ -146,8 +148,8 @@ void generate_index(const MeshModel& mesh, int nodes_per_element,
   build_node_elements(mesh, nodes_per_element, &node_start, &node_elements);
   std::vector<int> mark(mesh.num_nodes, 0);
   int list[CONNECTED_LIMIT];
-  int* row_start = cm->matrix_row_start.data();
-  int* columns = cm->matrix_columns.data();
+  int* row_start = pattern->matrix_row_start.data();
+  int* columns = pattern->matrix_columns.data();
   int pos = 1;
   for (int i = 1; i <= mesh.num_nodes; ++i) {
     row_start[i - 1] = pos;
@@ -172,22 +174,27 @@ void generate_index(const MeshModel& mesh, int nodes_per_element,
   }
   row_start[mesh.num_nodes] = pos;
 
-  build_element_positions(mesh, nodes_per_element, cm);
-  cm->element_matrices.assign(
+  build_element_positions(mesh, nodes_per_element, pattern);
+}
+
+}  // namespace
+
+// The matrix values and permutation are sized between the two passes, so
+// that a mesh too large for the memory stops the run before the index pass
+// writes its line; the element store follows the pattern.
+void build_matrix_pattern(const MeshModel& mesh, int nodes_per_element,
+                          MatrixPattern* pattern, ForwardWork* work) {
+  const int m = count_storage(mesh, nodes_per_element);
+  const std::size_t n = static_cast<std::size_t>(mesh.num_nodes);
+  pattern->num_entries = m;
+  pattern->matrix_row_start.assign(n + 1, 0);
+  pattern->matrix_columns.assign(static_cast<std::size_t>(m), 0);
+  work->matrix_values.assign(static_cast<std::size_t>(m), 0.0);
+  work->matrix_permutation.assign(n, 0);
+  generate_index(mesh, nodes_per_element, pattern);
+  work->element_matrices.assign(
       static_cast<std::size_t>(mesh.num_elements) * nodes_per_element *
           nodes_per_element,
       0.0);
-  cm->element_matrices_k = std::numeric_limits<double>::quiet_NaN();
-}
-
-void build_matrix_pattern(const MeshModel& mesh, int nodes_per_element,
-                          ConductanceMatrix* cm) {
-  const int m = count_storage(mesh, nodes_per_element);
-  const std::size_t n = static_cast<std::size_t>(mesh.num_nodes);
-  cm->num_entries = m;
-  cm->matrix_row_start.assign(n + 1, 0);
-  cm->matrix_columns.assign(static_cast<std::size_t>(m), 0);
-  cm->matrix_values.assign(static_cast<std::size_t>(m), 0.0);
-  cm->matrix_permutation.assign(n, 0);
-  generate_index(mesh, nodes_per_element, cm);
+  work->element_matrices_k = std::numeric_limits<double>::quiet_NaN();
 }

@@ -8,7 +8,7 @@
 
 #include <ctime>
 
-#include "forward/forward.h"
+#include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
 #include "run/maintainer.h"
 #include "run/timers.h"
@@ -16,12 +16,9 @@
 
 namespace {
 
-// One factorisation at a time: the solver's handle and control words are
-// global, the handle zeroed before each reordering and otherwise left to
-// the library.
-void* pardiso_handle[64];
-int pardiso_control[64];
-
+// The solver's handle and control words live in the work of the solution
+// they serve; the handle is zeroed before each reordering and otherwise
+// left to the library.
 const int max_factors = 1;     // maxfct
 const int matrix_number = 1;   // mnum
 const int matrix_type = -2;    // real symmetric indefinite
@@ -47,7 +44,7 @@ SolverStageRecord* stage_record(bool new_wavenumber) {
 }
 
 // Control words of the published interface, 1-based numbers as documented.
-void build_control() {
+void build_control(int* pardiso_control) {
   for (int t = 0; t < 64; ++t) pardiso_control[t] = 0;
   pardiso_control[0] = 1;    // 1: the values given here count
   pardiso_control[1] = 2;    // 2: nested dissection ordering
@@ -60,13 +57,13 @@ void build_control() {
 }
 
 // One solver call of the given phase on the assembled upper triangle.
-int call_pardiso(int phase, int n, ConductanceMatrix* cm, int* perm,
-                 double* b, double* x) {
+int call_pardiso(int phase, int n, const MatrixPattern& pattern,
+                 ForwardWork* work, int* perm, double* b, double* x) {
   int error = 0;
-  pardiso(pardiso_handle, &max_factors, &matrix_number, &matrix_type, &phase,
-          &n, cm->matrix_values.data(), cm->matrix_row_start.data(),
-          cm->matrix_columns.data(), perm, &num_rhs, pardiso_control,
-          &message_level, b, x, &error);
+  pardiso(work->solver_handle, &max_factors, &matrix_number, &matrix_type,
+          &phase, &n, work->matrix_values.data(),
+          pattern.matrix_row_start.data(), pattern.matrix_columns.data(), perm,
+          &num_rhs, work->solver_control, &message_level, b, x, &error);
   return error;
 }
 
@@ -82,14 +79,16 @@ void stage_failed(const char* stage_form, int error) {
 
 // Right-hand side of the secondary problem A(s) v_s = -(A(s) - A(sigma_0)) v_p,
 // element by element with the unpenalised element matrices of wavenumber k.
-//   primary_potential  in: N doubles, v_p of the present source
-//   right_hand_side    in/out: N doubles, zero on entry
+//   work->primary_potential  in: N doubles, v_p of the present source
+//   work->right_hand_side    in/out: N doubles, zero on entry
+//   work->element_matrices   in/out: the store of wavenumber k
 void secondary_right_hand_side(const MeshModel& mesh, int p,
                                const double* log_conductivity, double k,
-                               double sigma_0, const double* primary_potential,
-                               ConductanceMatrix* cm, double* right_hand_side) {
+                               double sigma_0, ForwardWork* work) {
   const std::size_t pp = static_cast<std::size_t>(p) * p;
-  const double* store = element_matrices(mesh, p, k, cm);
+  const double* store = element_matrices(mesh, p, k, work);
+  const double* primary_potential = work->primary_potential.data();
+  double* right_hand_side = work->right_hand_side.data();
   const int* en = mesh.element_nodes.data();
   for (int e = 0; e < mesh.num_elements; ++e) {
     const double s = std::exp(log_conductivity[e]);
@@ -109,22 +108,25 @@ void secondary_right_hand_side(const MeshModel& mesh, int p,
 // Phases 11 and 22 on a fresh handle and permutation, with the control words
 // built anew; a failure is reported with its stage record. Returns PARDISO's
 // error value.
-int reorder_and_factorise(int n, ConductanceMatrix* cm, SolverStageRecord* rec) {
+int reorder_and_factorise(int n, const MatrixPattern& pattern,
+                          ForwardWork* work, SolverStageRecord* rec) {
   int dummy_int = 0;
   double dummy_double = 0.0;
-  for (int t = 0; t < 64; ++t) pardiso_handle[t] = nullptr;
-  int* perm = cm->matrix_permutation.data();
+  for (int t = 0; t < 64; ++t) work->solver_handle[t] = nullptr;
+  int* perm = work->matrix_permutation.data();
   for (int i = 0; i < n; ++i) perm[i] = 0;
-  build_control();
+  build_control(work->solver_control);
   double t0 = rec ? stage_clock() : 0.0;
-  int error = call_pardiso(11, n, cm, &dummy_int, &dummy_double, &dummy_double);
+  int error = call_pardiso(11, n, pattern, work, &dummy_int, &dummy_double,
+                           &dummy_double);
   if (rec) rec->reordering += stage_clock() - t0;
   if (error != 0) {
     stage_failed("1X, 'Reordering completed'", error);
     return error;
   }
   if (rec) t0 = stage_clock();
-  error = call_pardiso(22, n, cm, perm, &dummy_double, &dummy_double);
+  error = call_pardiso(22, n, pattern, work, perm, &dummy_double,
+                       &dummy_double);
   if (rec) rec->factorisation += stage_clock() - t0;
   if (error != 0) stage_failed("1X, 'Factorisation completed'", error);
   return error;
@@ -166,22 +168,26 @@ void pardiso_report(int error) {
   }
 }
 
-// Inputs: mesh (nodes, elements, pin_flags), nodes_per_element p (3 or 4),
-// log_conductivity (E), source (1-based node), k (1/m), sigma_0 (S/m, with
-// singularity removal only), primary_potential (N, with singularity removal
-// only), reuse, release.
-// In/out: cm (values assembled unless reuse; permutation and element store
-// written), right_hand_side (N, cleared and built here, left as built).
-// Outputs: result (N, potential per unit current), *error (0 or PARDISO's).
-void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
-                      const double* log_conductivity, ConductanceMatrix* cm,
-                      double* right_hand_side, const double* primary_potential,
-                      double* result, int source, double k, double sigma_0,
-                      bool singularity_removal, bool reuse, bool release,
-                      int* error) {
+// Inputs: fm (mesh with pin_flags, p, pattern, electrode table),
+// log_conductivity (E), q (singularity_removal, sigma_0 in S/m), k (1/m),
+// electrode (1-based table row of the source), reuse, release.
+// In/out: work: matrix values (assembled unless reuse), permutation, solver
+// handle and control words, element store; right_hand_side (N, cleared and
+// built here, left as built); primary_potential (N, read with singularity
+// removal).
+// Output: column `electrode` of work->potentials (N, potential per unit
+// current). Returns 0 or PARDISO's error code.
+int solve_wavenumber(const ForwardMesh& fm, const double* log_conductivity,
+                     const Quadrature& q, double k, int electrode, bool reuse,
+                     bool release, ForwardWork* work) {
+  const MeshModel& mesh = *fm.mesh;
   const int n = mesh.num_nodes;
-  const int p = nodes_per_element;
-  *error = 0;
+  const int p = fm.nodes_per_element;
+  const int source = fm.table->electrode_nodes[electrode - 1];
+  double* right_hand_side = work->right_hand_side.data();
+  const double* primary_potential = work->primary_potential.data();
+  double* result =
+      work->potentials.data() + static_cast<std::size_t>(electrode - 1) * n;
   for (int i = 0; i < n; ++i) right_hand_side[i] = 0.0;
   int dummy_int = 0;
   double dummy_double = 0.0;
@@ -189,50 +195,52 @@ void solve_wavenumber(const MeshModel& mesh, int nodes_per_element,
   SolverStageRecord* rec = stage_record(!reuse);
   double t0 = rec ? stage_clock() : 0.0;
   if (!reuse) {
-    assemble_matrix(mesh, p, log_conductivity, k, cm);
+    assemble_matrix(fm, log_conductivity, k, work);
     if (rec) rec->assembly += stage_clock() - t0;
   }
   timer("for0");
   // With reuse the factors of the present wavenumber serve as they stand.
   if (!reuse) {
-    *error = reorder_and_factorise(n, cm, rec);
-    if (*error != 0) return;
+    const int error = reorder_and_factorise(n, *fm.pattern, work, rec);
+    if (error != 0) return error;
   }
 
   if (rec) t0 = stage_clock();
-  if (!singularity_removal)
+  if (!q.singularity_removal)
     right_hand_side[source - 1] = 1.0;
   else
-    secondary_right_hand_side(mesh, p, log_conductivity, k, sigma_0,
-                              primary_potential, cm, right_hand_side);
+    secondary_right_hand_side(mesh, p, log_conductivity, k, q.sigma_0, work);
   if (rec) {
     rec->right_hand_side += stage_clock() - t0;
     t0 = stage_clock();
   }
-  pardiso_control[7] = 2;
-  *error = call_pardiso(33, n, cm, cm->matrix_permutation.data(),
-                        right_hand_side, result);
+  work->solver_control[7] = 2;
+  int error = call_pardiso(33, n, *fm.pattern, work,
+                           work->matrix_permutation.data(), right_hand_side,
+                           result);
   if (rec) {
     rec->solve += stage_clock() - t0;
     rec->solves += 1;
   }
-  if (*error != 0) {
-    stage_failed("1X, 'Solve completed'", *error);
-    return;
+  if (error != 0) {
+    stage_failed("1X, 'Solve completed'", error);
+    return error;
   }
   timer("for1");
 
   if (release) {
     if (rec) t0 = stage_clock();
-    *error = call_pardiso(-1, n, cm, &dummy_int, &dummy_double, &dummy_double);
+    error = call_pardiso(-1, n, *fm.pattern, work, &dummy_int, &dummy_double,
+                         &dummy_double);
     if (rec) rec->release += stage_clock() - t0;
-    if (*error != 0) {
-      pardiso_report(*error);
-      return;
+    if (error != 0) {
+      pardiso_report(error);
+      return error;
     }
   }
 
-  if (singularity_removal) {
+  if (q.singularity_removal) {
     for (int i = 0; i < n; ++i) result[i] = result[i] + primary_potential[i];
   }
+  return 0;
 }

@@ -3,8 +3,9 @@
 // half-space potential of a point source at every node for one wavenumber.
 #include <cmath>
 
-#include "forward/forward.h"
+#include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
+#include "run/constants.h"
 
 // Four times the signed area of the triangle of nodes i, j, k (1-based),
 // written as the weight is defined, positive when anticlockwise in (x, y).
@@ -58,7 +59,7 @@ double reference_conductivity(const MeshModel& mesh, int nodes_per_element,
 
 // I0 by the polynomial approximations of Abramowitz and Stegun 9.8.1
 // (|x| < 3.75) and 9.8.2, Horner's scheme.
-static inline double i0_inline(double x) {
+double bessel_i0(double x) {
   const double ax = std::fabs(x);
   if (ax < 3.75) {
     double t = x / 3.75;
@@ -75,10 +76,10 @@ static inline double i0_inline(double x) {
 
 // K0 for x > 0 by Abramowitz and Stegun 9.8.5 (x <= 2) and 9.8.6, Horner's
 // scheme.
-static inline double k0_inline(double x) {
+double bessel_k0(double x) {
   if (x <= 2.0) {
     const double t = x * 0.25 * x;
-    return (-std::log(x * 0.5) * i0_inline(x)) +
+    return (-std::log(x * 0.5) * bessel_i0(x)) +
            (-0.57721566 + t * (0.42278420 + t * (0.23069756 + t * (0.03488590 +
             t * (0.00262698 + t * (0.00010750 + t * 0.0000074))))));
   }
@@ -87,10 +88,6 @@ static inline double k0_inline(double x) {
          (1.25331414 + t * (-0.07832358 + t * (0.02189568 + t * (-0.01062446 +
           t * (0.00587872 + t * (-0.00251540 + t * 0.00053208))))));
 }
-
-double bessel_k0(double x) { return k0_inline(x); }
-
-double bessel_i0(double x) { return i0_inline(x); }
 
 // Potential of a unit point source at node `source` in a half-space of
 // conductivity sigma_0 bounded by y = 0, for wavenumber k along strike:
@@ -111,9 +108,9 @@ void fill_primary_potential(const MeshModel& mesh, int source, double k,
   const double ys = y[source - 1];
   // k = 0 is the point source of the three-dimensional field (the divisor
   // is 4 pi); otherwise the two-dimensional transform with K0 (2 pi). Both
-  // divisors are the single-precision values widened.
+  // divisors are formed from pi in single precision.
   const bool point = k == 0.0;
-  const double scale = sigma_0 * (point ? 12.566370964050293 : 6.2831854820251465);
+  const double scale = sigma_0 * (point ? 4.0 * pi_single : 2.0 * pi_single);
   for (int i = 0; i < n; ++i) {
     const double dx = x[i] - xs;
     const double dy = y[i] - ys;
@@ -121,7 +118,7 @@ void fill_primary_potential(const MeshModel& mesh, int source, double k,
     const double r = std::sqrt(dy * dy + dx * dx);
     const double ri = std::sqrt(dx * dx + dyi * dyi);
     primary_potential[i] = point ? (1.0 / r + 1.0 / ri) / scale
-                                 : (k0_inline(k * r) + k0_inline(k * ri)) / scale;
+                                 : (bessel_k0(k * r) + bessel_k0(k * ri)) / scale;
   }
   primary_potential[source - 1] = 0.0;
 }

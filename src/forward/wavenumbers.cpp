@@ -4,8 +4,9 @@
 #include <cmath>
 
 #include "data/measurement_set.h"
-#include "forward/forward.h"
+#include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
+#include "run/constants.h"
 #include "textio/textio.h"
 
 // Squared distance in the mesh plane between nodes p and q (1-based).
@@ -43,20 +44,6 @@ void measurement_spacing(const MeshModel& mesh, const ElectrodeTable& table,
   *max_spacing = std::sqrt(largest);
 }
 
-// Products k * max_spacing and w * max_spacing * pi of the fixed ten-term
-// table (selector 1): six Legendre terms and the four Laguerre terms with
-// k0 = 1 / max_spacing.
-static const double fixed_k[10] = {
-    0.001140091627989572, 0.02869476995464115, 0.1449249290798822,
-    0.383544789118522,    0.6899041564209061,  0.9336096058311416,
-    1.322547689619,       2.745761101158,      5.536620296921,
-    10.395070912301};
-static const double fixed_w[10] = {
-    0.005784813099631867, 0.06111131733618718, 0.178130188311808,
-    0.289783746260883,    0.2996502557119518,  0.1655396792795381,
-    0.832739123838,       2.04810243845,       3.631146630582,
-    6.48714508441};
-
 // Number of Legendre points from the spacing ratio: six per decade, counted
 // through single precision and truncated toward zero, then held in 2..cap.
 // Values outside 0..cap are clamped before the conversion to an integer, with
@@ -79,44 +66,36 @@ static int legendre_count(double min_spacing, double max_spacing, int cap) {
   return n;
 }
 
-// Wavenumber table of one measurement set.
+// Wavenumber table of one measurement set: Gauss-Legendre on the square
+// root below k0 = 0.5 / min_spacing, four Gauss-Laguerre terms above it.
 //   table_size        in: room in each table (20)
-//   wavenumber_mode   in: 0 Legendre-on-sqrt plus Laguerre, 1 fixed table, else nothing
 //   min_spacing, max_spacing  in: metres, from measurement_spacing
 //   wavenumbers       out: W entries, 1/m, increasing
 //   wavenumber_weights out: W entries, 1/m, the 1/pi of the transform included
 //   num_wavenumbers   out: W
-void wavenumber_rule(int table_size, int wavenumber_mode, double min_spacing,
-                     double max_spacing, double* wavenumbers,
-                     double* wavenumber_weights, int* num_wavenumbers) {
-  if (wavenumber_mode == 0) {
-    const int n = legendre_count(min_spacing, max_spacing, table_size - 4);
-    *num_wavenumbers = n + 4;
-    const double k0 = 0.5 / min_spacing;
+void wavenumber_rule(int table_size, double min_spacing, double max_spacing,
+                     double* wavenumbers, double* wavenumber_weights,
+                     int* num_wavenumbers) {
+  const int n = legendre_count(min_spacing, max_spacing, table_size - 4);
+  *num_wavenumbers = n + 4;
+  const double k0 = 0.5 / min_spacing;
 
-    // (0, k0) with k = k0 x^2: the integrand's log singularity at k = 0
-    // becomes smooth in x. The rule is made in the tables and turned into
-    // wavenumbers in place, weight first, as it needs the abscissa.
-    legendre_nodes(0.0, 1.0, wavenumbers, wavenumber_weights, n);
-    for (int j = 0; j < n; ++j) {
-      const double x = wavenumbers[j];
-      wavenumber_weights[j] = wavenumber_weights[j] * (2.0 * k0) * x / 3.141592654;
-      wavenumbers[j] = k0 * x * x;
-    }
+  // (0, k0) with k = k0 x^2: the integrand's log singularity at k = 0
+  // becomes smooth in x. The rule is made in the tables and turned into
+  // wavenumbers in place, weight first, as it needs the abscissa.
+  legendre_nodes(0.0, 1.0, wavenumbers, wavenumber_weights, n);
+  for (int j = 0; j < n; ++j) {
+    const double x = wavenumbers[j];
+    wavenumber_weights[j] = wavenumber_weights[j] * (2.0 * k0) * x / pi_ten_digits;
+    wavenumbers[j] = k0 * x * x;
+  }
 
-    // (k0, infinity) with k = k0 (1 + y): exp(y) undoes the Laguerre weight.
-    laguerre_nodes(wavenumbers + n, wavenumber_weights + n, 4, 0.0);
-    for (int j = n; j < n + 4; ++j) {
-      const double y = wavenumbers[j];
-      wavenumber_weights[j] = std::exp(y) * k0 * wavenumber_weights[j] / 3.141592654;
-      wavenumbers[j] = k0 * (y + 1.0);
-    }
-  } else if (wavenumber_mode == 1) {
-    *num_wavenumbers = 10;
-    for (int j = 0; j < 10; ++j) {
-      wavenumbers[j] = fixed_k[j] / max_spacing;
-      wavenumber_weights[j] = fixed_w[j] / max_spacing / 3.141592654;
-    }
+  // (k0, infinity) with k = k0 (1 + y): exp(y) undoes the Laguerre weight.
+  laguerre_nodes(wavenumbers + n, wavenumber_weights + n, 4, 0.0);
+  for (int j = n; j < n + 4; ++j) {
+    const double y = wavenumbers[j];
+    wavenumber_weights[j] = std::exp(y) * k0 * wavenumber_weights[j] / pi_ten_digits;
+    wavenumbers[j] = k0 * (y + 1.0);
   }
 }
 
@@ -132,7 +111,7 @@ void legendre_nodes(double x1, double x2, double* x, double* w, int n) {
   const double xl = (x2 - x1) / 2.0;
   const int m = (n + 1) / 2;
   for (int i = 1; i <= m; ++i) {
-    double z = std::cos((i - 0.25) * 3.141592653589793 / (n + 0.5));
+    double z = std::cos((i - 0.25) * pi / (n + 0.5));
     double z1;
     double pp;
     do {
@@ -152,6 +131,17 @@ void legendre_nodes(double x1, double x2, double* x, double* w, int n) {
     w[i - 1] = 2.0 * xl / ((1.0 - z * z) * pp * pp);
     w[n - i] = w[i - 1];
   }
+}
+
+// Natural logarithm of the gamma function, Lanczos series with six terms
+// (2.5066282746310007 is the series' factor sqrt(2 pi)); x above 0.
+static double log_gamma(double x) {
+  const double s = 1.000000000190015 + 76.18009172947146 / (x + 1.0) -
+                   86.50532032941678 / (x + 2.0) + 24.01409824083091 / (x + 3.0) -
+                   1.231739572450155 / (x + 4.0) + 0.001208650973866179 / (x + 5.0) -
+                   0.000005395239384953 / (x + 6.0);
+  const double t = x + 5.5;
+  return (x + 0.5) * std::log(t) - t + std::log(2.5066282746310007 * s / x);
 }
 
 // Generalised Gauss-Laguerre rule, weight x^alpha e^-x, by Newton's method
@@ -199,15 +189,4 @@ void laguerre_nodes(double* x, double* w, int n, double alpha) {
     x[i - 1] = z;
     w[i - 1] = -std::exp(log_gamma(alpha + n) - log_gamma(n)) / (pp * n * p2);
   }
-}
-
-// Natural logarithm of the gamma function, Lanczos series with six terms;
-// x above 0.
-double log_gamma(double x) {
-  const double s = 1.000000000190015 + 76.18009172947146 / (x + 1.0) -
-                   86.50532032941678 / (x + 2.0) + 24.01409824083091 / (x + 3.0) -
-                   1.231739572450155 / (x + 4.0) + 0.001208650973866179 / (x + 5.0) -
-                   0.000005395239384953 / (x + 6.0);
-  const double t = x + 5.5;
-  return (x + 0.5) * std::log(t) - t + std::log(2.5066282746310007 * s / x);
 }

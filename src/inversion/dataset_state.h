@@ -9,12 +9,10 @@
 struct DatasetState {
   const InverseRun* run;
   MeasurementSet* ms;
-  const double* wavenumbers;         // num_wavenumbers, 1/m
-  const double* wavenumber_weights;  // num_wavenumbers
-  int num_wavenumbers;
+  Quadrature quadrature;             // wavenumbers of the dataset
   int n;                             // measurements kept
   int P;                             // parameters
-  char stem[8];                      // "f" + three digits of the dataset
+  int dataset;                       // 1-based number, names the files
 
   // Sized by the block, released with the dataset (n entries each).
   std::vector<double> c;             // calculated data, ohm (differences in a difference run)
@@ -56,6 +54,10 @@ enum StepOutcome { STEP_OK = 0, STEP_TOO_SMALL, STEP_FORWARD_FAILED };
 // in a difference run, subtract the background. Returns the forward
 // solution's failure code.
 int forward_trial(DatasetState* st, bool full_step, double s);
+
+// The normal equations of the present iteration with trade-off weight
+// alpha, under the weights the data hold.
+NormalEquations normal_equations(const DatasetState* st, double alpha);
 
 // Misfit of the present c under weights W (st->ms->data_weight or another
 // array), raising ignore flags as the misfit does.

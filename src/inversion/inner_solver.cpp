@@ -115,7 +115,7 @@ void add_columns(const double* J, int n, int k0, std::ptrdiff_t next,
 
 // q = D (J^T W^2 J + scale C [+ joint_weight I]) D p, scale_j = c_j alpha
 // (alpha with c null); returns p . q. t (n) is work.
-double apply_operator(const ScaledOperator& op, const double* D,
+double apply_operator(const NormalEquations& op, const double* D,
                       const double* p, double* t, double* q) {
   scaled_product(op.J, p, D, op.n, op.P, t);
   column_weighted_dots(op.J, op.W, t, op.n, op.P, q);
@@ -181,7 +181,7 @@ double regularisation_row(const RegularisationMatrix& C, int j,
   return s;
 }
 
-void jacobi_scaling(const ScaledOperator& op, double* D) {
+void jacobi_scaling(const NormalEquations& op, double* D) {
   column_squares(op.J, op.W, op.n, op.P, D);
   const float* diagonal = op.C->values.data();
   for (int j = 0; j < op.P; ++j) {
@@ -195,7 +195,7 @@ void jacobi_scaling(const ScaledOperator& op, double* D) {
 // The step limit is half the number of parameters by design. No guard on a
 // zero p . q or a zero ||r0||: the ratio then comes out NaN and the solve
 // runs out of steps.
-bool conjugate_gradient(const ScaledOperator& op, SolverWork* work, double* y,
+bool conjugate_gradient(const NormalEquations& op, SolverWork* work, double* y,
                         int first, int count, int* steps, double* ratio) {
   const int P = op.P;
   double* r = work->r.data();
@@ -245,41 +245,40 @@ void allocate_solver_work(int num_parameters, int num_measurements,
   w->t.resize(static_cast<std::size_t>(num_measurements));
 }
 
-// Inputs: J (n by P), m, m0, c (P), e, W (n), C, alpha, joint_weight, the
-// difference (reg_mode 2) and joint (reg_mode 1) flags.
+// Inputs: eq (J n by P; m, m0, c P; e, W n; C, alpha, joint_weight, the
+// difference (reg_mode 2) and joint (reg_mode 1) flags).
 // Work: work->r, p, q, D (P), work->t (n); dm (P) holds the scaled
 // solution y until the last loop turns it into D y.
 // Outputs: dm (P); result = steps made (converged, failed 0) or the ratio
 // ||r|| / ||r0|| reached (failed 1).
-void inner_solve(const double* J, const double* m, const double* m0,
-                 const double* e, const double* W, const double* c,
-                 const RegularisationMatrix& C, double alpha,
-                 double joint_weight, int num_parameters, int num_measurements,
-                 bool difference, bool joint, SolverWork* work, double* dm,
+void inner_solve(const NormalEquations& eq, SolverWork* work, double* dm,
                  double* result, int* failed) {
   timer("sol0");
-  const int P = num_parameters;
-  const ScaledOperator op{J, W, &C, c, alpha, joint_weight, joint,
-                          num_measurements, P};
+  const int P = eq.P;
+  const double* m = eq.m;
+  const double* m0 = eq.m0;
+  const double* c = eq.c;
+  const double alpha = eq.alpha;
   double* r = work->r.data();
   double* p = work->p.data();
   double* v = work->q.data();
   double* D = work->D.data();
   // Penalty of the present model, v = C(m) or C(m - m0) [+ the pull of the
   // joint term towards m0], so that the update solves for the new model.
-  const bool from_m0 = difference || joint;
+  const bool from_m0 = eq.difference || eq.joint;
   for (int j = 0; j < P; ++j) p[j] = from_m0 ? m[j] - m0[j] : m[j];
   for (int j = 0; j < P; ++j) {
-    v[j] = regularisation_row(C, j, p, nullptr);
-    if (joint) v[j] = v[j] + (joint_weight / (c[j] * alpha)) * (m[j] - m0[j]);
+    v[j] = regularisation_row(*eq.C, j, p, nullptr);
+    if (eq.joint)
+      v[j] = v[j] + (eq.joint_weight / (c[j] * alpha)) * (m[j] - m0[j]);
   }
-  jacobi_scaling(op, D);
-  column_weighted_dots(J, W, e, num_measurements, P, r);
+  jacobi_scaling(eq, D);
+  column_weighted_dots(eq.J, eq.W, eq.e, eq.n, P, r);
   for (int j = 0; j < P; ++j) r[j] = (r[j] - (c[j] * alpha) * v[j]) * D[j];
 
   int steps = 0;
   double ratio = 0.0;
-  if (conjugate_gradient(op, work, dm, 0, P, &steps, &ratio)) {
+  if (conjugate_gradient(eq, work, dm, 0, P, &steps, &ratio)) {
     *failed = 0;
     *result = static_cast<double>(steps);
   } else {

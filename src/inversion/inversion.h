@@ -5,12 +5,11 @@
 
 #include <vector>
 
+#include "forward/forward.h"
+
 struct RunContext;
 struct MeshModel;
-struct ElectrodeTable;
 struct MeasurementSet;
-struct ConductanceMatrix;
-struct ForwardWork;
 struct ParameterMap;
 struct OutputMask;
 
@@ -53,67 +52,72 @@ struct SolverWork {
 void allocate_solver_work(int num_parameters, int num_measurements,
                           SolverWork* w);
 
-// One Gauss-Newton update dm for the trial weight alpha by conjugate
-// gradients on the Jacobi-scaled normal equations
+// The regularised normal equations of one Gauss-Newton update,
 //   (J^T W^2 J + alpha c C [+ joint_weight I]) dm
 //       = J^T W^2 e - alpha c C(m - r) [- joint_weight (m - m0)],
-// matrix-free, between the timer calls "sol0" and "sol1".
-//   J         in: n by P, column j contiguous at J + j * n
-//   m, m0     in: P, present and start parameter vectors (ln conductivity)
-//   e, W      in: n, residuals and data weights
-//   c         in: P, parameter scale (all 1)
-//   C         in: the regularisation matrix
-//   alpha, joint_weight  in
-//   difference, joint    in: reg_mode 2, reg_mode 1
+// with r = m0 in a difference or joint run and 0 otherwise. The maps read
+// J, W, C, alpha, n and P only.
+struct NormalEquations {
+  const double* J;               // n by P, column j contiguous at J + j * n
+  const double* W;               // n, data weights
+  const double* e;               // n, residuals
+  const double* m;               // P, present parameters, ln S/m
+  const double* m0;              // P, start parameters, ln S/m
+  const double* c;               // P, parameter scale (all 1); null: scale 1, as in the resolution operator
+  const RegularisationMatrix* C;
+  double alpha;                  // trade-off weight
+  double joint_weight;           // reg_mode 1
+  bool difference;               // reg_mode 2
+  bool joint;                    // reg_mode 1
+  int n;                         // measurements
+  int P;                         // parameters
+};
+
+// One update dm of eq by conjugate gradients on the Jacobi-scaled normal
+// equations, matrix-free, between the timer calls "sol0" and "sol1".
 //   work      work: r, p, q (P), t (n), D (P)
 //   dm        out: P
 //   result    out: CG steps made (converged) or the ratio ||r|| / ||r0||
 //   failed    out: 0 converged, 1 step limit P / 2 reached
-void inner_solve(const double* J, const double* m, const double* m0,
-                 const double* e, const double* W, const double* c,
-                 const RegularisationMatrix& C, double alpha,
-                 double joint_weight, int num_parameters, int num_measurements,
-                 bool difference, bool joint, SolverWork* work, double* dm,
+void inner_solve(const NormalEquations& eq, SolverWork* work, double* dm,
                  double* result, int* failed);
 
 // ---- sensitivity and resolution ---------------------------------------------
 
-// Diagonal of J^T W^2 J, between "res0" and "res1".
-//   J  in: n by P column-contiguous;  W  in: n
+// Diagonal of J^T W^2 J of eq, between "res0" and "res1".
 //   map out: P
-void sensitivity_map(const double* J, const double* W, int num_parameters,
-                     int num_measurements, double* map);
+void sensitivity_map(const NormalEquations& eq, double* map);
 
-// Diagonal of the model resolution matrix (J^T W^2 J + alpha C)^-1 J^T W^2 J,
-// one conjugate-gradient solve per parameter, between "res0" and "res1".
+// Diagonal of the model resolution matrix (J^T W^2 J + alpha C)^-1 J^T W^2 J
+// of eq (no parameter scale, no joint term whatever the mode), one
+// conjugate-gradient solve per parameter, between "res0" and "res1".
 //   map       out: P
 //   failures  out: columns whose solve ran out of steps
 //   worst     out: largest relative residual of those columns
-void resolution_map(const double* J, const double* W,
-                    const RegularisationMatrix& C, double alpha,
-                    int num_parameters, int num_measurements, SolverWork* work,
-                    double* map, int* failures, double* worst);
+void resolution_map(const NormalEquations& eq, SolverWork* work, double* map,
+                    int* failures, double* worst);
 
 // ---- Jacobian ----------------------------------------------------------------
 
-// Calculated data and the Jacobian of the model log_conductivity: all the
-// solves of forward_solve, with the adjoint sum of every element's
-// contribution accumulated per wavenumber.
-//   log_conductivity  in: E, present element values
-//   parameter_values  in: P, the vector the element values were scattered from
-//   log_data          in: data_type 1
-//   jacobian          out: n by P, column contiguous
+// The model of an iteration in both its forms.
+struct ParameterModel {
+  const double* log_conductivity;  // E, ln S/m, the element values the solver reads
+  const double* values;            // P, ln S/m, the vector they were scattered from
+  int num_parameters;              // P
+};
+
+// Calculated data and the Jacobian of the model: all the solves of
+// forward_solve, with the adjoint sum of every element's contribution
+// accumulated per wavenumber.
+//   log_data             in: data_type 1, d(ln R)/d(ln rho); else dR/d(ln sigma)
+//   jacobian             out: n by P, column contiguous
 //   transfer_resistance  out: n, ohm
-//   jacobian_failed   out: 0, or the PARDISO code of the solve that failed
-void compute_jacobian(const MeshModel& mesh, int nodes_per_element,
-                      ConductanceMatrix* cm, const ElectrodeTable& table,
-                      const MeasurementSet& ms, const double* log_conductivity,
-                      const double* parameter_values, int num_parameters,
-                      const double* wavenumbers, const double* wavenumber_weights,
-                      int num_wavenumbers, double flux_type,
-                      bool singularity_removal, bool log_data, ForwardWork* work,
-                      double* jacobian, double* transfer_resistance,
-                      int* jacobian_failed);
+// Returns 0, or the PARDISO code of the solve that failed (J and the data
+// are then incomplete).
+int compute_jacobian(const ForwardMesh& fm, const MeasurementSet& ms,
+                     const ParameterModel& model, const Quadrature& q,
+                     bool log_data, ForwardWork* work, double* jacobian,
+                     double* transfer_resistance);
 
 // ---- the inverse job -----------------------------------------------------
 
@@ -121,9 +125,7 @@ void compute_jacobian(const MeshModel& mesh, int nodes_per_element,
 // loop and shared by every dataset.
 struct InverseRun {
   const RunContext* ctx;
-  const MeshModel* mesh;
-  ConductanceMatrix* cm;
-  const ElectrodeTable* table;
+  ForwardMesh forward;            // mesh, pattern and electrodes
   const ParameterMap* map;        // start_parameters: m0, P entries
   const OutputMask* mask;
   const RegularisationMatrix* C;  // unused by a qualitative run
@@ -137,11 +139,10 @@ struct InverseRun {
 void scatter_parameters(const MeshModel& mesh, const double* v,
                         double* log_conductivity);
 
-// Inverts one dataset whose block has been read into ms and whose files
-// are open: background run (difference regularisation), the outer
-// iteration with its step search, the ending that closes the files, and
-// after convergence the sensitivity or resolution map. Stops the run only
-// when the background solution fails.
+// Inverts dataset number `dataset`, whose block has been read into ms and
+// whose files are open, with the wavenumbers of q: background run
+// (difference regularisation), the outer iteration with its step search,
+// the ending that closes the files, and after convergence the sensitivity or
+// resolution map. Stops the run only when the background solution fails.
 void invert_dataset(const InverseRun& run, MeasurementSet* ms,
-                    const double* wavenumbers, const double* wavenumber_weights,
-                    int num_wavenumbers, const char* stem);
+                    const Quadrature& q, int dataset);

@@ -100,66 +100,58 @@ void accumulate_wavenumber(const MeshModel& mesh, int nn,
 
 }  // namespace
 
-// Inputs: mesh (element_parameter: the parameter of each element, 0 for
-// none), pattern cm (work), electrode table, measurement set ms,
-// log_conductivity (E), parameter_values (P), wavenumbers and weights
-// (num_wavenumbers), flux_type, singularity_removal, log_data.
+// Inputs: fm (mesh with element_parameter: the parameter of each element,
+// 0 for none), ms, model (log_conductivity E, values P), q, log_data.
 // Work: work (as forward_solve); the gathered differences (2 * nn * n).
-// Outputs: jacobian (n by P, column contiguous), transfer_resistance (n, ohm),
-// jacobian_failed (0 or PARDISO's code; J and c are then incomplete).
-void compute_jacobian(const MeshModel& mesh, int nodes_per_element,
-                      ConductanceMatrix* cm, const ElectrodeTable& table,
-                      const MeasurementSet& ms, const double* log_conductivity,
-                      const double* parameter_values, int num_parameters,
-                      const double* wavenumbers, const double* wavenumber_weights,
-                      int num_wavenumbers, double flux_type,
-                      bool singularity_removal, bool log_data, ForwardWork* work,
-                      double* jacobian, double* transfer_resistance,
-                      int* jacobian_failed) {
+// Outputs: jacobian (n by P, column contiguous), transfer_resistance (n, ohm).
+int compute_jacobian(const ForwardMesh& fm, const MeasurementSet& ms,
+                     const ParameterModel& model, const Quadrature& q,
+                     bool log_data, ForwardWork* work, double* jacobian,
+                     double* transfer_resistance) {
+  const MeshModel& mesh = *fm.mesh;
+  const double* log_conductivity = model.log_conductivity;
+  const int num_parameters = model.num_parameters;
   const int n = ms.num_measurements;
-  const int nn = nodes_per_element == 3 ? 3 : 4;
-  *jacobian_failed = 0;
+  const int nn = fm.nodes_per_element == 3 ? 3 : 4;
   for (int i = 0; i < n; ++i) transfer_resistance[i] = 0.0;
   const std::size_t size = static_cast<std::size_t>(n) * num_parameters;
   for (std::size_t t = 0; t < size; ++t) jacobian[t] = 0.0;
 
-  double sigma_0 = 0.0;
-  if (singularity_removal)
-    sigma_0 = reference_conductivity(mesh, nodes_per_element, log_conductivity);
+  Quadrature terms = q;
+  terms.sigma_0 = 0.0;
+  if (q.singularity_removal)
+    terms.sigma_0 = reference_conductivity(mesh, fm.nodes_per_element,
+                                           log_conductivity);
 
   ElementGather g;
   g.source_pairs.assign(static_cast<std::size_t>(nn) * n, 0.0);
   g.sensor_pairs.assign(static_cast<std::size_t>(nn) * n, 0.0);
-  g.node_row.assign(static_cast<std::size_t>(table.num_electrodes) + 1, 0.0);
+  g.node_row.assign(static_cast<std::size_t>(fm.table->num_electrodes) + 1, 0.0);
 
-  for (int j = 0; j < num_wavenumbers; ++j) {
-    double k, w;
-    int error = forward_term(mesh, nodes_per_element, cm, table, ms,
-                             log_conductivity, wavenumbers, wavenumber_weights,
-                             j, flux_type, sigma_0, singularity_removal, work,
-                             transfer_resistance, &k, &w);
-    if (error != 0) {
-      *jacobian_failed = error;
-      return;
-    }
-    const double* potentials = work->potentials.data();
+  for (int j = 0; j < q.num_wavenumbers; ++j) {
+    const int error = forward_term(fm, ms, log_conductivity, terms, j, work,
+                                   transfer_resistance);
+    if (error != 0) return error;
     // The timer restarts at every wavenumber and stops once at the end:
     // the reported Jacobian time is that of the last accumulation.
     timer("jac0");
-    const double* store = element_matrices(mesh, nodes_per_element, k, cm);
-    accumulate_wavenumber(mesh, nn, store, potentials, table.num_electrodes,
-                          ms, log_conductivity, log_data, w, jacobian, &g);
+    const double* store =
+        element_matrices(mesh, fm.nodes_per_element, work->k, work);
+    accumulate_wavenumber(mesh, nn, store, work->potentials.data(),
+                          fm.table->num_electrodes, ms, log_conductivity,
+                          log_data, work->w, jacobian, &g);
   }
 
   // Log data: d(ln R)/d(ln rho), the conductivity applied once per
   // parameter and the division by the calculated datum.
   if (log_data) {
     for (int p = 0; p < num_parameters; ++p) {
-      const double sigma = std::exp(parameter_values[p]);
+      const double sigma = std::exp(model.values[p]);
       double* column = jacobian + static_cast<std::size_t>(p) * n;
       for (int i = 0; i < n; ++i)
         column[i] = (column[i] * sigma) / transfer_resistance[i];
     }
   }
   timer("jac1");
+  return 0;
 }

@@ -4,14 +4,15 @@
 // the qualitative one-pass map, and the maps that follow convergence.
 #include <cmath>
 #include <cstddef>
-#include <cstdio>
 
 #include "data/measurement_set.h"
 #include "forward/forward.h"
 #include "inversion/dataset_state.h"
+#include "inversion/solver_kernels.h"
 #include "mesh/mesh_model.h"
 #include "results/data_files.h"
 #include "results/model_files.h"
+#include "run/control_file.h"
 #include "run/memory_guard.h"
 #include "run/run_context.h"
 #include "textio/textio.h"
@@ -63,20 +64,21 @@ void allocate_dataset(DatasetState* st) {
   st->dm.assign(P, 0.0);
   st->dm_best.assign(P, 0.0);
   st->scale.assign(P, 1.0);
-  st->element_values.assign(static_cast<std::size_t>(st->run->mesh->num_elements), 0.0);
+  st->element_values.assign(
+      static_cast<std::size_t>(st->run->forward.mesh->num_elements), 0.0);
 }
 
 // ---- files of the ends -----------------------------------------------------
 
 void write_final_model(DatasetState* st) {
   const InverseRun& run = *st->run;
-  write_model(run.log_conductivity, *run.mesh, *run.mask, run.ctx->mesh_type,
+  write_model(run.log_conductivity, *run.forward.mesh, *run.mask, run.ctx->mesh_type,
               false, CH_MODEL, CH_MODEL_VTK, 1);
 }
 
 void write_errors(DatasetState* st, const double* final_weights) {
   const InverseRun& run = *st->run;
-  write_error_table(*run.mesh, *run.table, *st->ms, st->ms->observed.data(),
+  write_error_table(*run.forward.mesh, *run.forward.table, *st->ms, st->ms->observed.data(),
                     st->c.data(), final_weights, st->W0.data(),
                     st->flags.data(), run.ctx->flux_type, run.ctx->log_data);
 }
@@ -87,8 +89,8 @@ void write_difference_output(DatasetState* st) {
   const InverseRun& run = *st->run;
   if (!run.ctx->difference_reg) return;
   const double* m0 = run.map->start_parameters.data();
-  for (int e = 0; e < run.mesh->num_elements; ++e) {
-    const int p = run.mesh->element_parameter[e];
+  for (int e = 0; e < run.forward.mesh->num_elements; ++e) {
+    const int p = run.forward.mesh->element_parameter[e];
     double percent = 0.0;
     if (p != 0) {
       const double now = std::exp(-st->m_trial[p - 1]);
@@ -97,7 +99,7 @@ void write_difference_output(DatasetState* st) {
     }
     st->element_values[e] = percent;
   }
-  write_difference(st->element_values.data(), *run.mesh, *run.mask,
+  write_difference(st->element_values.data(), *run.forward.mesh, *run.mask,
                    run.ctx->mesh_type);
 }
 
@@ -114,16 +116,15 @@ void write_post_maps(DatasetState* st) {
   const RunContext& ctx = *run.ctx;
   if (!ctx.want_post_calc) return;
   std::vector<double>& map = st->m_trial;  // no longer needed as a vector
-  const double* W = st->ms->data_weight.data();
+  const NormalEquations eq = normal_equations(st, st->alpha);
   if (ctx.want_sensitivity) {
     message(CH_CONSOLE, CH_LOG, "/ ' ', 'Calculating sensitivity map'");
-    sensitivity_map(st->J.data(), W, st->P, st->n, map.data());
+    sensitivity_map(eq, map.data());
   } else {
     message(CH_CONSOLE, CH_LOG, "/ ' ', 'Calculating resolution matrix'");
     int failures = 0;
     double worst = 0.0;  // kept by the solver, not reported
-    resolution_map(st->J.data(), W, *run.C, st->alpha, st->P, st->n,
-                   &st->solver, map.data(), &failures, &worst);
+    resolution_map(eq, &st->solver, map.data(), &failures, &worst);
     if (failures != 0)
       message(CH_LOG, 0,
               "' ', 4X, 'WARNING: In resolution matrix calc the solution "
@@ -131,16 +132,16 @@ void write_post_maps(DatasetState* st) {
               {wv_int(failures)});
   }
   // Elements outside the inversion show 1, whose logarithm is 0.
-  for (int e = 0; e < run.mesh->num_elements; ++e) {
-    const int p = run.mesh->element_parameter[e];
+  for (int e = 0; e < run.forward.mesh->num_elements; ++e) {
+    const int p = run.forward.mesh->element_parameter[e];
     st->element_values[e] = p == 0 ? 1.0 : map[p - 1];
   }
-  write_model(st->element_values.data(), *run.mesh, *run.mask, ctx.mesh_type,
+  write_model(st->element_values.data(), *run.forward.mesh, *run.mask, ctx.mesh_type,
               true, CH_MAP, CH_MODEL_VTK,
               ctx.want_sensitivity ? CONTENT_SENSITIVITY : CONTENT_RESOLUTION);
   tio_close(CH_MODEL_VTK);
   if (ctx.want_matrix_dump)
-    write_matrix_dumps(st->stem, run.C->values.data(), run.C->index.data(),
+    write_matrix_dumps(st->dataset, run.C->values.data(), run.C->index.data(),
                        st->P, run.C->width, st->J.data(), st->n);
   tio_close(CH_MAP);
 }
@@ -216,7 +217,7 @@ void end_dataset(DatasetState* st, DatasetEnd how) {
     case END_STEP_TOO_SMALL:
       say_outputting("' ', 'Step length too small - Outputing results to file'");
       st->m_trial = st->m;
-      scatter_parameters(*st->run->mesh, st->m_trial.data(),
+      scatter_parameters(*st->run->forward.mesh, st->m_trial.data(),
                          st->run->log_conductivity);
       write_final_model(st);
       tio_close(CH_MODEL);
@@ -262,14 +263,12 @@ void residual_pass(DatasetState* st) {
 // scale, the start alpha and the decay exponent of later iterations.
 void first_alpha(DatasetState* st) {
   const RunContext& ctx = *st->run->ctx;
-  const double* W = st->ms->data_weight.data();
+  double* S = st->scale.data();
+  column_squares(st->J.data(), st->ms->data_weight.data(), st->n, st->P, S);
   double largest = 0.0;
   for (int j = 0; j < st->P; ++j) {
-    const double* column = st->J.data() + static_cast<std::size_t>(j) * st->n;
-    double s = 0.0;
-    for (int i = 0; i < st->n; ++i) s = s + column[i] * column[i] * W[i] * W[i];
-    st->scale[j] = std::pow(s, ctx.scale_exponent);
-    if (s > largest) largest = s;
+    if (S[j] > largest) largest = S[j];
+    S[j] = std::pow(S[j], ctx.scale_exponent);
   }
   st->alpha_start = ctx.alpha_max < largest ? ctx.alpha_max : largest;
   st->decay = alpha_decay_scale / std::log10(st->rms);
@@ -329,21 +328,15 @@ bool update_weights(DatasetState* st) {
   return false;
 }
 
-// The per-iteration model files stem.III_res.dat and stem.III_res.vtk.
+// The per-iteration model files fDDD.III_res.dat and fDDD.III_res.vtk.
 void write_iteration_files(DatasetState* st) {
   const InverseRun& run = *st->run;
-  const int n = st->iteration;
-  const int hundreds = n / 100;
-  const int tens = (n - 100 * hundreds) / 10;
-  const int ones = n - 100 * hundreds - 10 * tens;
-  char name[32];
-  std::snprintf(name, sizeof name, "%s.%c%c%c_res.dat", st->stem,
-                (char)(48 + hundreds), (char)(48 + tens), (char)(48 + ones));
+  char name[DATASET_NAME_SIZE];
+  dataset_file_name(st->dataset, st->iteration, "_res.dat", name);
   tio_open(CH_ITER_TABLE, name);
-  std::snprintf(name, sizeof name, "%s.%c%c%c_res.vtk", st->stem,
-                (char)(48 + hundreds), (char)(48 + tens), (char)(48 + ones));
+  dataset_file_name(st->dataset, st->iteration, "_res.vtk", name);
   tio_open(CH_ITER_VTK, name);
-  write_model(run.log_conductivity, *run.mesh, *run.mask, run.ctx->mesh_type,
+  write_model(run.log_conductivity, *run.forward.mesh, *run.mask, run.ctx->mesh_type,
               false, CH_ITER_TABLE, CH_ITER_VTK, -1);
   tio_close(CH_ITER_TABLE);
   tio_close(CH_ITER_VTK);
@@ -368,11 +361,11 @@ void qualitative_map(DatasetState* st) {
     st->m_trial[j] = -sum;
   }
   // Elements outside the inversion have no value of their own here: 0.
-  for (int e = 0; e < run.mesh->num_elements; ++e) {
-    const int p = run.mesh->element_parameter[e];
+  for (int e = 0; e < run.forward.mesh->num_elements; ++e) {
+    const int p = run.forward.mesh->element_parameter[e];
     st->element_values[e] = p == 0 ? 0.0 : st->m_trial[p - 1];
   }
-  write_model(st->element_values.data(), *run.mesh, *run.mask,
+  write_model(st->element_values.data(), *run.forward.mesh, *run.mask,
               run.ctx->mesh_type, true, CH_MODEL, CH_MODEL_VTK, 1);
   tio_close(CH_MODEL);
   tio_close(CH_MODEL_VTK);
@@ -410,7 +403,7 @@ DatasetEnd search_step(DatasetState* st) {
     message(CH_CONSOLE, CH_LOG, "' ', 4X, 'Step length set to', F10.5",
             {wv_real(1.0)});
     for (int j = 0; j < st->P; ++j) st->m_trial[j] = st->m[j] + st->dm[j];
-    scatter_parameters(*st->run->mesh, st->m_trial.data(),
+    scatter_parameters(*st->run->forward.mesh, st->m_trial.data(),
                        st->run->log_conductivity);
   } else {
     StepOutcome outcome = step_halving(st);
@@ -450,13 +443,10 @@ DatasetEnd iterate(DatasetState* st) {
   if (!ctx.qualitative)
     message(CH_CONSOLE, CH_LOG, "/ ' ', '  Iteration ', I3",
             {wv_int(st->iteration)});
-  int failed = 0;
-  compute_jacobian(*run.mesh, ctx.mesh_type, run.cm, *run.table, *st->ms,
-                   run.log_conductivity, st->m.data(), st->P, st->wavenumbers,
-                   st->wavenumber_weights, st->num_wavenumbers, ctx.flux_type,
-                   ctx.singularity_removal, ctx.log_data, run.work, st->J.data(),
-                   st->c.data(), &failed);
-  if (failed != 0) return END_JACOBIAN_FAILED;
+  const ParameterModel model{run.log_conductivity, st->m.data(), st->P};
+  if (compute_jacobian(run.forward, *st->ms, model, st->quadrature,
+                       ctx.log_data, run.work, st->J.data(), st->c.data()) != 0)
+    return END_JACOBIAN_FAILED;
   if (ctx.difference_reg)
     for (int i = 0; i < st->n; ++i) st->c[i] = st->c[i] - st->background[i];
   if (ctx.qualitative) {
@@ -478,13 +468,9 @@ DatasetEnd iterate(DatasetState* st) {
 // every calculated datum. A failure here ends the run.
 void background_run(DatasetState* st) {
   const InverseRun& run = *st->run;
-  int failed = 0;
-  forward_solve(*run.mesh, run.ctx->mesh_type, run.cm, *run.table, *st->ms,
-                run.log_conductivity, st->wavenumbers, st->wavenumber_weights,
-                st->num_wavenumbers, run.ctx->flux_type,
-                run.ctx->singularity_removal, run.work,
-                st->background.data(), &failed);
-  if (failed == 0) return;
+  if (forward_solve(run.forward, *st->ms, run.log_conductivity,
+                    st->quadrature, run.work, st->background.data()) == 0)
+    return;
   message(CH_CONSOLE, CH_LOG,
           "/ ' ', 'Forward solution error using background data - exiting'");
   tio_close(CH_MODEL);
@@ -503,17 +489,14 @@ void scatter_parameters(const MeshModel& mesh, const double* v,
 }
 
 void invert_dataset(const InverseRun& run, MeasurementSet* ms,
-                    const double* wavenumbers, const double* wavenumber_weights,
-                    int num_wavenumbers, const char* stem) {
+                    const Quadrature& q, int dataset) {
   DatasetState st{};
   st.run = &run;
   st.ms = ms;
-  st.wavenumbers = wavenumbers;
-  st.wavenumber_weights = wavenumber_weights;
-  st.num_wavenumbers = num_wavenumbers;
+  st.quadrature = q;
   st.n = ms->num_measurements;
   st.P = run.map->num_parameters;
-  std::snprintf(st.stem, sizeof st.stem, "%s", stem);
+  st.dataset = dataset;
   allocate_dataset(&st);
   // A difference inversion fits the change of the data from the reference.
   if (run.ctx->difference_reg)

@@ -29,16 +29,11 @@ inline int parameter_of(const MeshModel& mesh, int e, int num_parameters) {
   return (p >= 1 && p <= num_parameters) ? p : 0;
 }
 
-// Centroid of triangle e (1-based): each coordinate sum divided by 3.0.
+// Centroid of triangle e (1-based).
 void centroid(const MeshModel& mesh, int e, double* cx, double* cy) {
-  const int* nodes = &mesh.element_nodes[4 * static_cast<std::size_t>(e - 1)];
-  double sx = 0.0, sy = 0.0;
-  for (int s = 0; s < 3; ++s) {
-    sx = sx + mesh.node_x[nodes[s] - 1];
-    sy = sy + mesh.node_y[nodes[s] - 1];
-  }
-  *cx = sx / 3.0;
-  *cy = sy / 3.0;
+  element_centre(mesh.node_x.data(), mesh.node_y.data(),
+                 &mesh.element_nodes[4 * static_cast<std::size_t>(e - 1)], 3,
+                 cx, cy);
 }
 
 // Neighbours share an edge: exactly 2 of the 9 node pairs agree (a repeated

@@ -8,35 +8,37 @@
 #include "inversion/solver_kernels.h"
 #include "run/timers.h"
 
-// Inputs: J (n by P, column-contiguous), W (n). Output: map (P), the raw
-// sums of ((J * J) * W) * W down each column, unnormalised.
-void sensitivity_map(const double* J, const double* W, int num_parameters,
-                     int num_measurements, double* map) {
+// Inputs: eq.J (n by P, column-contiguous), eq.W (n). Output: map (P), the
+// raw sums of ((J * J) * W) * W down each column, unnormalised.
+void sensitivity_map(const NormalEquations& eq, double* map) {
   timer("res0");
-  column_squares(J, W, num_measurements, num_parameters, map);
+  column_squares(eq.J, eq.W, eq.n, eq.P, map);
   timer("res1");
 }
 
-// Inputs: J (n by P), W (n), C, alpha. Work: work->r, p, q, D (P), work->t
-// (n). Outputs: map (P), 0-based; failures, the columns that ran out of
-// steps; worst, the largest ratio ||r|| / ||r0|| among them.
+// Inputs: eq.J (n by P), eq.W (n), eq.C, eq.alpha. Work: work->r, p, q, D
+// (P), work->t (n). Outputs: map (P), 0-based; failures, the columns that
+// ran out of steps; worst, the largest ratio ||r|| / ||r0|| among them.
 // Column k solves (J^T W^2 J + alpha C) x = column k of J^T W^2 J and keeps
 // x_k. The operator has no parameter scale and no joint term whatever the
 // regularisation mode; each column starts from zero.
-void resolution_map(const double* J, const double* W,
-                    const RegularisationMatrix& C, double alpha,
-                    int num_parameters, int num_measurements, SolverWork* work,
-                    double* map, int* failures, double* worst) {
+void resolution_map(const NormalEquations& eq, SolverWork* work, double* map,
+                    int* failures, double* worst) {
   timer("res0");
   *failures = 0;
   *worst = 0.0;
-  const int P = num_parameters;
-  const int n = num_measurements;
+  const int P = eq.P;
+  const int n = eq.n;
   if (P == 0) {
     timer("res1");
     return;
   }
-  const ScaledOperator op{J, W, &C, nullptr, alpha, 0.0, false, n, P};
+  NormalEquations op = eq;
+  op.c = nullptr;
+  op.joint = false;
+  op.joint_weight = 0.0;
+  const double* J = eq.J;
+  const double* W = eq.W;
   double* r = work->r.data();
   double* g = work->t.data();
   const double* D = work->D.data();

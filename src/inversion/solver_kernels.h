@@ -27,24 +27,14 @@ void scaled_product(const double* J, const double* p, const double* D, int n,
 double regularisation_row(const RegularisationMatrix& C, int j,
                           const double* x, const double* D);
 
-// The Jacobi-scaled operator D (J^T W^2 J + alpha c C [+ joint_weight I]) D.
-// With c null the scale is 1 and the diagonal weight is alpha alone, which
-// is the resolution operator (the joint term needs c).
-struct ScaledOperator {
-  const double* J;  // n by P, column-contiguous
-  const double* W;  // n, data weights
-  const RegularisationMatrix* C;
-  const double* c;  // P, parameter scale, or null
-  double alpha;
-  double joint_weight;
-  bool joint;
-  int n;  // measurements
-  int P;  // parameters
-};
+// The Jacobi-scaled operator of eq is D (J^T W^2 J + alpha c C
+// [+ joint_weight I]) D. With c null the scale is 1 and the diagonal weight
+// is alpha alone, which is the resolution operator (the joint term needs c).
+// The kernels below read J, W, C, c, alpha, joint_weight, joint, n and P.
 
 // D_j = 1 / sqrt(scale_j * value(j,1) + S_j [+ joint_weight]) with S the
 // column_squares of J and scale_j = c_j * alpha (alpha with c null); D is P.
-void jacobi_scaling(const ScaledOperator& op, double* D);
+void jacobi_scaling(const NormalEquations& op, double* D);
 
 // Conjugate gradient on (D A D) y = b from y = 0, where b is in work->r on
 // entry and work->D holds the scaling. At most P / 2 steps (integer
@@ -55,5 +45,5 @@ void jacobi_scaling(const ScaledOperator& op, double* D);
 //   ratio            out: ||r|| / ||r0|| of the last step, 0 / ||r0|| when
 //                    no step was made
 // Returns true on convergence. work->p, q, t are overwritten.
-bool conjugate_gradient(const ScaledOperator& op, SolverWork* work, double* y,
+bool conjugate_gradient(const NormalEquations& op, SolverWork* work, double* y,
                         int first, int count, int* steps, double* ratio);

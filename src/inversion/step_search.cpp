@@ -39,16 +39,32 @@ int forward_trial(DatasetState* st, bool full_step, double s) {
   const InverseRun& run = *st->run;
   for (int j = 0; j < st->P; ++j)
     st->m_trial[j] = full_step ? st->m[j] + st->dm[j] : st->m[j] + s * st->dm[j];
-  scatter_parameters(*run.mesh, st->m_trial.data(), run.log_conductivity);
-  int failed = 0;
-  forward_solve(*run.mesh, run.ctx->mesh_type, run.cm, *run.table, *st->ms,
-                run.log_conductivity, st->wavenumbers, st->wavenumber_weights,
-                st->num_wavenumbers, run.ctx->flux_type,
-                run.ctx->singularity_removal, run.work, st->c.data(), &failed);
+  scatter_parameters(*run.forward.mesh, st->m_trial.data(),
+                     run.log_conductivity);
+  const int failed = forward_solve(run.forward, *st->ms, run.log_conductivity,
+                                   st->quadrature, run.work, st->c.data());
   // A difference run fits (d - d_ref) against (f(m) - f(m0)).
   if (failed == 0 && run.ctx->difference_reg)
     for (int i = 0; i < st->n; ++i) st->c[i] = st->c[i] - st->background[i];
   return failed;
+}
+
+NormalEquations normal_equations(const DatasetState* st, double alpha) {
+  const InverseRun& run = *st->run;
+  const RunContext& ctx = *run.ctx;
+  return NormalEquations{st->J.data(),
+                         st->ms->data_weight.data(),
+                         st->e.data(),
+                         st->m.data(),
+                         run.map->start_parameters.data(),
+                         st->scale.data(),
+                         run.C,
+                         alpha,
+                         ctx.joint_weight,
+                         ctx.difference_reg,
+                         ctx.joint_reg,
+                         st->n,
+                         st->P};
 }
 
 double misfit(DatasetState* st, const double* W) {
@@ -75,11 +91,8 @@ void alpha_search(DatasetState* st) {
         std::pow(10.0, std::log10(st->alpha_start) - i * dlog);
     double result = 0.0;
     int not_converged = 0;
-    inner_solve(st->J.data(), st->m.data(), st->run->map->start_parameters.data(),
-                st->e.data(), W, st->scale.data(), *st->run->C, trial_alpha,
-                ctx.joint_weight, st->P, st->n, ctx.difference_reg,
-                ctx.joint_reg, &st->solver, st->dm.data(), &result,
-                &not_converged);
+    inner_solve(normal_equations(st, trial_alpha), &st->solver, st->dm.data(),
+                &result, &not_converged);
     if (not_converged)
       message(CH_LOG, 0,
               "' ', 4X, 'WARNING: managed to achieve CG tolerance of: ', E10.3",
@@ -181,7 +194,7 @@ void tolerance_refinement(DatasetState* st) {
   }
   if (failed || st->rms > tol * refinement_margin) {
     for (int j = 0; j < st->P; ++j) st->m_trial[j] = st->m[j] + s1 * st->dm[j];
-    scatter_parameters(*st->run->mesh, st->m_trial.data(),
+    scatter_parameters(*st->run->forward.mesh, st->m_trial.data(),
                        st->run->log_conductivity);
     return;
   }

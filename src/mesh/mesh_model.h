@@ -42,6 +42,14 @@ struct OutputMask {
   std::vector<unsigned char> node_mask;     // N, 1 if the node belongs to a written element
 };
 
+// Vertex mean of one element: its first nodes_per_element (3 or 4) node
+// coordinates summed in slot order, divided by that count.
+//   nodes   in: the element's slots, 1-based node numbers
+//   cx, cy  out: metres, in the frame of node_x and node_y
+void element_centre(const double* node_x, const double* node_y,
+                    const int* nodes, int nodes_per_element, double* cx,
+                    double* cy);
+
 // Reads or builds the mesh for ctx->mesh_type (3: mesh.dat on channel 9;
 // 4, 5: grid records of Q5.in), sizes every MeshModel array, and turns
 // mesh_type 5 into 4. Sets num_x, num_y for mesh.dat. An unknown mesh type is

@@ -122,21 +122,6 @@ int listed_blocks(RunContext* ctx, MeshModel* mesh) {
   return npx * npy;
 }
 
-// Mean of the first npe node coordinates of element e (1-based), in slot
-// order.
-void element_centre(const MeshModel& mesh, int npe, int e, double* cx,
-                    double* cy) {
-  const int* slot = &mesh.element_nodes[4 * static_cast<std::size_t>(e - 1)];
-  double sx = 0.0;
-  double sy = 0.0;
-  for (int s = 0; s < npe; ++s) {
-    sx += mesh.node_x[slot[s] - 1];
-    sy += mesh.node_y[slot[s] - 1];
-  }
-  *cx = sx / npe;
-  *cy = sy / npe;
-}
-
 // Crossing test of a ray from (cx, cy) toward positive x against the edges
 // of the polyline: an odd number of crossings means inside. An edge counts
 // when cy lies between its ends, one end inclusive, so a horizontal edge at
@@ -195,7 +180,9 @@ void polyline_mask(const MeshModel& mesh, int nodes_per_element, int n,
     for (int e = 1; e <= mesh.num_elements; ++e) {
       double cx = 0.0;
       double cy = 0.0;
-      element_centre(mesh, nodes_per_element, e, &cx, &cy);
+      element_centre(mesh.node_x.data(), mesh.node_y.data(),
+                     &mesh.element_nodes[4 * static_cast<std::size_t>(e - 1)],
+                     nodes_per_element, &cx, &cy);
       if (!inside_polyline(cx, cy, n, px, py)) mask->element_mask[e - 1] = 0;
     }
   }

@@ -4,11 +4,11 @@
 
 #include <cmath>
 #include <cstddef>
-#include <cstdio>
 #include <vector>
 
 #include "data/measurement_set.h"
 #include "mesh/mesh_model.h"
+#include "run/control_file.h"
 #include "textio/textio.h"
 
 void write_error_table(const MeshModel& mesh, const ElectrodeTable& table,
@@ -36,25 +36,25 @@ void write_error_table(const MeshModel& mesh, const ElectrodeTable& table,
 
 namespace {
 
-// Opens `stem` + `tail` on channel 31 and writes the head record of two
-// integers.
-void open_dump(const char* stem, const char* tail, int rows, int columns) {
-  char name[64];
-  std::snprintf(name, sizeof name, "%s%s", stem, tail);
+// Opens the dataset's file with `tail` on channel 31 and writes the head
+// record of two integers.
+void open_dump(int dataset, const char* tail, int rows, int columns) {
+  char name[DATASET_NAME_SIZE];
+  dataset_file_name(dataset, 0, tail, name);
   tio_open(CH_MATRIX, name);
   tio_write_free(CH_MATRIX, {wv_int(rows), wv_int(columns)});
 }
 
 }  // namespace
 
-void write_matrix_dumps(const char* stem, const float* values,
+void write_matrix_dumps(int dataset, const float* values,
                         const int* index, int num_parameters, int width,
                         const double* jacobian, int num_measurements) {
   const int P = num_parameters > 0 ? num_parameters : 0;
   const int n = num_measurements > 0 ? num_measurements : 0;
   std::vector<WriteValue> row(static_cast<std::size_t>(width > P ? width : P) + 1);
 
-  open_dump(stem, "_Rindex.dat", num_parameters, width);
+  open_dump(dataset, "_Rindex.dat", num_parameters, width);
   for (int i = 0; i < P; ++i) {
     for (int k = 0; k < width; ++k)
       row[k] = wv_int(index[static_cast<std::size_t>(k) * P + i]);
@@ -62,7 +62,7 @@ void write_matrix_dumps(const char* stem, const float* values,
   }
   tio_close(CH_MATRIX);
 
-  open_dump(stem, "_R.dat", num_parameters, width);
+  open_dump(dataset, "_R.dat", num_parameters, width);
   for (int i = 0; i < P; ++i) {
     for (int k = 0; k < width; ++k)
       row[k] = wv_real(values[static_cast<std::size_t>(k) * P + i]);
@@ -71,7 +71,7 @@ void write_matrix_dumps(const char* stem, const float* values,
   tio_close(CH_MATRIX);
 
   // J is held column by column; its rows are read with a stride.
-  open_dump(stem, "_J.dat", num_measurements, num_parameters);
+  open_dump(dataset, "_J.dat", num_measurements, num_parameters);
   for (int i = 0; i < n; ++i) {
     for (int p = 0; p < P; ++p)
       row[p] = wv_real(jacobian[static_cast<std::size_t>(p) * n + i]);

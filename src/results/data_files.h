@@ -17,12 +17,12 @@ void write_error_table(const MeshModel& mesh, const ElectrodeTable& table,
                        const double* c, const double* Wf, const double* W0,
                        const unsigned* flags, double flux_type, bool log_data);
 
-// Writes the three dumps on channel 31 in turn, each opened, written and
-// closed: stem_Rindex.dat (P, L, then P rows of L indices), stem_R.dat (the
-// same with the single-precision values) and stem_J.dat (n, P, then the n
-// rows of J, held column by column).
+// Writes the three dumps of dataset number `dataset` (stem fDDD) on channel
+// 31 in turn, each opened, written and closed: stem_Rindex.dat (P, L, then P
+// rows of L indices), stem_R.dat (the same with the single-precision values)
+// and stem_J.dat (n, P, then the n rows of J, held column by column).
 //   values, index  in: P * L, slot k of row i at (k - 1) * P + (i - 1)
 //   jacobian       in: n by P, column contiguous
-void write_matrix_dumps(const char* stem, const float* values,
+void write_matrix_dumps(int dataset, const float* values,
                         const int* index, int num_parameters, int width,
                         const double* jacobian, int num_measurements);

@@ -12,21 +12,13 @@
 
 namespace {
 
-// Centre of element e (1-based) as the user sees it. Triangles keep node_y
-// and sum in slot order before dividing by 3; four-node elements count depth
-// downward, so the mean is negated to give elevation.
+// Centre of element e (1-based) as the user sees it: four-node elements
+// count depth downward, so their centre is negated to give elevation.
 void centre(const MeshModel& mesh, int npe, int e, double* cx, double* cy) {
-  const int* n = &mesh.element_nodes[4 * static_cast<std::size_t>(e - 1)];
-  const double* x = mesh.node_x.data();
-  const double* y = mesh.node_y.data();
-  if (npe == 3) {
-    *cx = (x[n[0] - 1] + x[n[1] - 1] + x[n[2] - 1]) / 3.0;
-    *cy = (y[n[0] - 1] + y[n[1] - 1] + y[n[2] - 1]) / 3.0;
-  } else {
-    *cx = (x[n[0] - 1] + x[n[1] - 1] + x[n[2] - 1] + x[n[3] - 1]) * 0.25;
-    *cy = (y[n[0] - 1] + y[n[1] - 1] + y[n[2] - 1] + y[n[3] - 1]) * 0.25;
-    *cy = -*cy;
-  }
+  element_centre(mesh.node_x.data(), mesh.node_y.data(),
+                 &mesh.element_nodes[4 * static_cast<std::size_t>(e - 1)], npe,
+                 cx, cy);
+  if (npe != 3) *cy = -*cy;
 }
 
 // The table, one line per written element.

@@ -4,6 +4,7 @@
 #include "run/control_file.h"
 
 #include <cstdint>
+#include <cstdio>
 
 #include "run/run_context.h"
 #include "textio/textio.h"
@@ -241,13 +242,28 @@ void write_memory_estimate(long long bytes) {
           {wv_real(gigabytes)});
 }
 
-void dataset_stem(int n, char* out) {
-  int hundreds = n / 100;
-  int tens = (n - 100 * hundreds) / 10;
-  int ones = n - 100 * hundreds - 10 * tens;
-  out[0] = 'f';
-  out[1] = (char)(48 + hundreds);
-  out[2] = (char)(48 + tens);
-  out[3] = (char)(48 + ones);
-  out[4] = '\0';
+// The three digits of n, one character each (out holds 3).
+static void three_digits(int n, char* out) {
+  const int hundreds = n / 100;
+  const int tens = (n - 100 * hundreds) / 10;
+  const int ones = n - 100 * hundreds - 10 * tens;
+  out[0] = (char)(48 + hundreds);
+  out[1] = (char)(48 + tens);
+  out[2] = (char)(48 + ones);
+}
+
+// The stem is a string of its own, so a digit that comes out as character 0
+// ends the stem before the tail; the iteration's digits are characters of
+// the name, where such a digit ends the name.
+void dataset_file_name(int n, int iteration, const char* tail, char* out) {
+  char stem[5] = {'f'};
+  three_digits(n, stem + 1);
+  if (iteration > 0) {
+    char step[3];
+    three_digits(iteration, step);
+    std::snprintf(out, DATASET_NAME_SIZE, "%s.%c%c%c%s", stem, step[0], step[1],
+                  step[2], tail);
+  } else {
+    std::snprintf(out, DATASET_NAME_SIZE, "%s%s", stem, tail);
+  }
 }

@@ -35,7 +35,10 @@ long long memory_estimate_bytes(int N, int E, int M, int P, int L, int D0,
 // Writes the estimate in gigabytes to the console, then the log.
 void write_memory_estimate(long long bytes);
 
-// Four-character dataset stem "f" + three digits of n (n / 100 rendered as
-// the character 48 + digit, unchecked, so 1000 gives ':' in the hundreds).
-// out must hold 5 characters.
-void dataset_stem(int n, char* out);
+// Name of a file of dataset n: "f" and the three digits of n, then, for an
+// iteration above 0, "." and its three digits, then tail (f001_res.dat,
+// f001.003_res.vtk). Each digit is the character 48 + digit, unchecked,
+// so 1000 gives ':' in the hundreds.
+//   out  out: DATASET_NAME_SIZE characters
+enum { DATASET_NAME_SIZE = 64 };
+void dataset_file_name(int n, int iteration, const char* tail, char* out);

@@ -1,11 +1,8 @@
-// The run driver: opens the fixed files, reads the control file stage by
-// stage while it builds the mesh, pattern, start model, parameter map, mask
-// and electrode table, then runs the forward job or the dataset loop of the
-// inverse job, and owns every exit.
+// The run driver: opens the fixed files, reads the control file while it
+// builds the mesh, pattern, model, map, mask and electrodes, then runs the
+// forward job or the inverse job's dataset loop, and owns every exit.
 #include "run/driver.h"
 
-#include <cmath>
-#include <cstdio>
 #include <ctime>
 #include <new>
 #include <vector>
@@ -24,20 +21,6 @@
 
 namespace {
 
-// Everything sized by the mesh and the control file: lives for the run.
-struct RunState {
-  RunContext ctx;
-  MeshModel mesh;
-  ConductanceMatrix cm;
-  std::vector<double> log_conductivity;  // E, ln of conductivity
-  ParameterMap map;
-  OutputMask mask;
-  ElectrodeTable table;
-  ForwardWork work;
-  double electrode_spacing;  // largest spacing of adjacent grid electrodes, m
-  RegularisationMatrix regularisation;  // built once before the first dataset
-};
-
 // Flush denormal results to zero and treat denormal inputs as zero (the FTZ
 // and DAZ bits of MXCSR): the whole computation runs in this mode.
 void set_floating_point_mode() { _mm_setcsr(_mm_getcsr() | 0x8040); }
@@ -55,36 +38,6 @@ void write_banner_and_date() {
            wv_int(local.tm_year + 1900)});
 }
 
-void allocate_forward_work(RunState* s) {
-  size_t n = (size_t)s->mesh.num_nodes;
-  s->work.right_hand_side.assign(n, 0.0);
-  s->work.primary_potential.assign(n, 0.0);
-  s->work.potentials.assign(n * (size_t)s->table.num_electrodes, 0.0);
-}
-
-// Reading stage: the control file from record 1 to its last record.
-void read_control_and_build(RunState* s) {
-  RunContext* ctx = &s->ctx;
-  read_title(ctx);
-  read_job_record(ctx);
-  read_mesh(ctx, &s->mesh);
-  check_singular_and_res_calc(ctx);
-  build_matrix_pattern(s->mesh, ctx->mesh_type, &s->cm);
-  check_flux_type(ctx);
-  if (ctx->mesh_type == 3) read_mesh_scale(ctx, &s->mesh);
-  read_start_model(ctx, s->mesh, &s->log_conductivity);
-  if (ctx->job_type == 1) {
-    build_parameter_map(ctx, &s->mesh, s->log_conductivity, &s->map);
-    read_inverse_settings(ctx);
-  } else {
-    ctx->qualitative = false;
-  }
-  read_polyline_mask(*ctx, &s->mesh, &s->mask);
-  read_electrodes(*ctx, s->mesh, &s->table);
-  allocate_forward_work(s);
-  choose_pinned_node(ctx->mesh_type, s->table, &s->mesh);
-}
-
 [[noreturn]] void end_of_data() {
   message(CH_LOG, CH_CONSOLE, "/ 1X, 'End of data:  Terminating'");
   timer("stop");
@@ -92,41 +45,18 @@ void read_control_and_build(RunState* s) {
   tio_stop("All ok");
 }
 
-// Reads the head of the next block of protocol.dat; 0 at end of file.
-int read_block_head() {
-  int count = 0;
-  if (tio_read(CH_PROTOCOL, READ_END_TOLERANT, {rd_int(&count)}) == READ_EOF)
-    return 0;
-  return count;
-}
-
 int stencil_width(const RunContext& ctx) { return ctx.quadratic_filter ? 13 : 5; }
-
-void choose_wavenumbers(RunState* s, const MeasurementSet& ms,
-                        double* wavenumbers, double* weights) {
-  if (!(s->ctx.flux_type > 2.0)) return;
-  double min_spacing, max_spacing;
-  measurement_spacing(s->mesh, s->table, ms, &min_spacing, &max_spacing);
-  wavenumber_rule(MAX_WAVENUMBERS, 0, min_spacing, max_spacing, wavenumbers,
-                  weights, &s->ctx.num_wavenumbers);
-}
 
 [[noreturn]] void forward_job(RunState* s) {
   const RunContext& ctx = s->ctx;
-  tio_open(CH_MODEL, "forward_model.dat");
-  tio_open(CH_MODEL_VTK, "forward_model.vtk");
-  write_model(s->log_conductivity.data(), s->mesh, s->mask, ctx.mesh_type,
-              false, CH_MODEL, CH_MODEL_VTK, 0);
-  tio_close(CH_MODEL);
-  tio_close(CH_MODEL_VTK);
+  write_forward_model(*s);
 
   int head = read_block_head();
   if (head == 0) end_of_data();
   MeasurementSet ms;
-  allocate_measurements(head, &ms);
-  read_measurements(ctx, s->mesh, s->table, &ms);
+  read_block(*s, head, &ms);
   write_memory_estimate(memory_estimate_bytes(
-      s->mesh.num_nodes, s->mesh.num_elements, s->cm.num_entries, 0,
+      s->mesh.num_nodes, s->mesh.num_elements, s->pattern.num_entries, 0,
       s->table.num_electrodes, head, ms.num_measurements, stencil_width(ctx),
       false));
   std::vector<double> transfer_resistance(
@@ -134,12 +64,10 @@ void choose_wavenumbers(RunState* s, const MeasurementSet& ms,
 
   double wavenumbers[MAX_WAVENUMBERS] = {0.0};
   double weights[MAX_WAVENUMBERS] = {0.0};
-  choose_wavenumbers(s, ms, wavenumbers, weights);
-  int forward_failed = 0;
-  forward_solve(s->mesh, ctx.mesh_type, &s->cm, s->table, ms,
-                s->log_conductivity.data(), wavenumbers, weights,
-                s->ctx.num_wavenumbers, ctx.flux_type, ctx.singularity_removal,
-                &s->work, transfer_resistance.data(), &forward_failed);
+  const Quadrature q = choose_wavenumbers(s, ms, wavenumbers, weights);
+  const int forward_failed =
+      forward_solve(forward_mesh(*s), ms, s->log_conductivity.data(), q,
+                    &s->work, transfer_resistance.data());
   timer("stop");
   timer_report();
   if (forward_failed != 0)
@@ -149,24 +77,10 @@ void choose_wavenumbers(RunState* s, const MeasurementSet& ms,
   tio_stop("All ok");
 }
 
-// Largest spacing of electrodes adjacent in the table, along x, for the
-// regularisation of a grid; the running maximum starts at -1e11, so a
-// single electrode gives the square root of a negative number.
-double largest_electrode_spacing(const RunState& s) {
-  if (s.ctx.mesh_type != 4) return 0.0;
-  double largest = -1.0e11;
-  for (int k = 1; k <= s.table.num_electrodes - 1; ++k) {
-    double dx = s.mesh.node_x[s.table.electrode_nodes[k] - 1] -
-                s.mesh.node_x[s.table.electrode_nodes[k - 1] - 1];
-    if (dx * dx > largest) largest = dx * dx;
-  }
-  return std::sqrt(largest);
-}
-
-void open_dataset_files(const RunContext& ctx, const char* stem) {
-  char name[64];
+void open_dataset_files(const RunContext& ctx, int dataset) {
+  char name[DATASET_NAME_SIZE];
   auto open_with = [&](int channel, const char* tail) {
-    std::snprintf(name, sizeof name, "%s%s", stem, tail);
+    dataset_file_name(dataset, 0, tail, name);
     tio_open(channel, name);
   };
   open_with(CH_MODEL, "_res.dat");
@@ -182,12 +96,11 @@ void open_dataset_files(const RunContext& ctx, const char* stem) {
 
 [[noreturn]] void inverse_job(RunState* s) {
   const RunContext& ctx = s->ctx;
-  s->electrode_spacing = largest_electrode_spacing(*s);
   if (!ctx.qualitative)
     build_regularisation(ctx, s->mesh, ctx.mesh_type, s->map.num_parameters,
                          &s->regularisation);
-  const InverseRun run{&s->ctx,  &s->mesh, &s->cm,
-                       &s->table, &s->map, &s->mask,
+  const InverseRun run{&s->ctx,           forward_mesh(*s),
+                       &s->map,           &s->mask,
                        &s->regularisation, &s->work,
                        s->log_conductivity.data()};
   int dataset_number = 0;
@@ -201,20 +114,17 @@ void open_dataset_files(const RunContext& ctx, const char* stem) {
             {wv_int(dataset_number)});
     int head = read_block_head();
     if (head == 0) end_of_data();
-    allocate_measurements(head, &ms);
-    read_measurements(ctx, s->mesh, s->table, &ms);
+    read_block(*s, head, &ms);
     if (dataset_number == 1)
       write_memory_estimate(memory_estimate_bytes(
-          s->mesh.num_nodes, s->mesh.num_elements, s->cm.num_entries,
+          s->mesh.num_nodes, s->mesh.num_elements, s->pattern.num_entries,
           s->map.num_parameters, s->table.num_electrodes, head,
           ms.num_measurements, stencil_width(ctx), true));
-    char stem[8];
-    dataset_stem(dataset_number, stem);
-    open_dataset_files(ctx, stem);
+    open_dataset_files(ctx, dataset_number);
     double wavenumbers[MAX_WAVENUMBERS] = {0.0};
     double weights[MAX_WAVENUMBERS] = {0.0};
-    choose_wavenumbers(s, ms, wavenumbers, weights);
-    invert_dataset(run, &ms, wavenumbers, weights, s->ctx.num_wavenumbers, stem);
+    const Quadrature q = choose_wavenumbers(s, ms, wavenumbers, weights);
+    invert_dataset(run, &ms, q, dataset_number);
   }
 }
 
@@ -228,7 +138,7 @@ void out_of_memory() {
 
 }  // namespace
 
-void run_q5() {
+void start_run() {
   set_floating_point_mode();
   std::set_new_handler(out_of_memory);
   timer("init");
@@ -238,7 +148,70 @@ void run_q5() {
   tio_open(CH_ELECTRODES_VTK, "electrodes.vtk");
   tio_open(CH_LOG, "Q5.out");
   write_banner_and_date();
+}
 
+void read_control_and_build(RunState* s) {
+  RunContext* ctx = &s->ctx;
+  read_title(ctx);
+  read_job_record(ctx);
+  read_mesh(ctx, &s->mesh);
+  check_singular_and_res_calc(ctx);
+  build_matrix_pattern(s->mesh, ctx->mesh_type, &s->pattern, &s->work);
+  check_flux_type(ctx);
+  if (ctx->mesh_type == 3) read_mesh_scale(ctx, &s->mesh);
+  read_start_model(ctx, s->mesh, &s->log_conductivity);
+  if (ctx->job_type == 1) {
+    build_parameter_map(ctx, &s->mesh, s->log_conductivity, &s->map);
+    read_inverse_settings(ctx);
+  } else {
+    ctx->qualitative = false;
+  }
+  read_polyline_mask(*ctx, &s->mesh, &s->mask);
+  read_electrodes(*ctx, s->mesh, &s->table);
+  allocate_forward_vectors(s->mesh.num_nodes, s->table.num_electrodes,
+                           &s->work);
+  choose_pinned_node(ctx->mesh_type, s->table, &s->mesh);
+}
+
+ForwardMesh forward_mesh(const RunState& s) {
+  return ForwardMesh{&s.mesh, s.ctx.mesh_type, &s.pattern, &s.table};
+}
+
+void write_forward_model(const RunState& s) {
+  tio_open(CH_MODEL, "forward_model.dat");
+  tio_open(CH_MODEL_VTK, "forward_model.vtk");
+  write_model(s.log_conductivity.data(), s.mesh, s.mask, s.ctx.mesh_type,
+              false, CH_MODEL, CH_MODEL_VTK, 0);
+  tio_close(CH_MODEL);
+  tio_close(CH_MODEL_VTK);
+}
+
+int read_block_head() {
+  int count = 0;
+  if (tio_read(CH_PROTOCOL, READ_END_TOLERANT, {rd_int(&count)}) == READ_EOF)
+    return 0;
+  return count;
+}
+
+void read_block(const RunState& s, int head, MeasurementSet* ms) {
+  allocate_measurements(head, ms);
+  read_measurements(s.ctx, s.mesh, s.table, ms);
+}
+
+Quadrature choose_wavenumbers(RunState* s, const MeasurementSet& ms,
+                              double* wavenumbers, double* weights) {
+  if (s->ctx.flux_type > 2.0) {
+    double min_spacing, max_spacing;
+    measurement_spacing(s->mesh, s->table, ms, &min_spacing, &max_spacing);
+    wavenumber_rule(MAX_WAVENUMBERS, min_spacing, max_spacing, wavenumbers,
+                    weights, &s->ctx.num_wavenumbers);
+  }
+  return Quadrature{wavenumbers, weights, s->ctx.num_wavenumbers,
+                    s->ctx.flux_type, s->ctx.singularity_removal, 0.0};
+}
+
+void run_q5() {
+  start_run();
   static RunState state;
   read_control_and_build(&state);
   if (state.ctx.job_type == 0) forward_job(&state);

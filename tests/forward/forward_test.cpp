@@ -14,62 +14,72 @@
 #include <vector>
 
 #include "data/measurement_set.h"
-#include "forward/forward.h"
+#include "forward/builders.h"
+#include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
 #include "textio/textio.h"
 
-static const double eps = 0x1p-52;  // machine epsilon of double
+namespace {
+
+const double eps = 0x1p-52;  // machine epsilon of double
+using Vec = std::vector<double>;
 
 // A stop (status 0) inside a test would pass unseen: fail it. The registry is made first, to outlive this.
-static const int stop_guard = (testing::UnitTest::GetInstance(), std::atexit([] {
+const int stop_guard = (testing::UnitTest::GetInstance(), std::atexit([] {
   if (testing::UnitTest::GetInstance()->current_test_info() && !testing::internal::InDeathTestChild())
     _exit(1);
 }));
 
 // Prefix of this process's scratch files; the child of a death test inherits it.
-static const std::string scratch = "/tmp/q5_fwd_" + std::to_string(getpid()) + "_";
+const std::string scratch = "/tmp/q5_fwd_" + std::to_string(getpid()) + "_";
 
 // Text of a scratch file, which is then removed.
-static std::string take_file(const std::string& name) {
+std::string take_file(const std::string& name) {
   std::string text{std::istreambuf_iterator<char>(std::ifstream(scratch + name).rdbuf()), {}};
   unlink((scratch + name).c_str());
   return text;
 }
 
-static double max_abs(const std::vector<double>& v) {
+double max_abs(const Vec& v) {
   return std::fabs(std::ranges::max(v, {}, [](double x) { return std::fabs(x); }));
 }
 
-// Jittered nx by ny lattice of 3 to 55 ohm m, node numbers shuffled, node 1 pinned: anticlockwise
-// cells (p = 4) or cells cut by a random diagonal (p = 3) with a random zone number in slot four.
-static MeshModel problem(std::mt19937& rng, int p, int nx, int ny, std::vector<double>* lc) {
-  const int n = nx * ny;
-  std::uniform_real_distribution<double> jitter(-0.2, 0.2), log_sigma(-4.0, -1.0);
-  std::vector<int> num(n);
-  for (int t = 0; t < n; ++t) num[t] = t + 1;
-  std::shuffle(num.begin(), num.end(), rng);
-  MeshModel mesh{n, 0, std::vector<double>(n), std::vector<double>(n), {}, {}, std::vector<int>(n, 0)};
-  for (int t = 0; t < n; ++t) {
-    mesh.node_x[num[t] - 1] = t / ny + jitter(rng);
-    mesh.node_y[num[t] - 1] = t % ny + jitter(rng);
+using builders::Survey;
+
+// Dense N by N matrix (row-major) of sum over elements of f(e) times the element matrix at k; with `pinned`
+// the pinned diagonals times 1e10.
+template <class F>
+Vec dense_matrix(const Survey& s, double k, F f, bool pinned) {
+  const int n = s.mesh.num_nodes;
+  Vec a(static_cast<std::size_t>(n) * n, 0.0);
+  double ae[25];
+  for (int e = 0; e < s.mesh.num_elements; ++e) {
+    const int* nd = &s.mesh.element_nodes[4 * e];
+    element_matrix(ae, s.mesh.node_x.data(), s.mesh.node_y.data(), nd, s.npe, k);
+    for (int i = 0; i < s.npe; ++i)
+      for (int j = 0; j < s.npe; ++j) a[(nd[i] - 1) * n + nd[j] - 1] += f(e) * ae[i + 5 * j];
   }
-  std::vector<int>& en = mesh.element_nodes;
-  for (int t = 0; t < n - ny; ++t) {
-    if (t % ny == ny - 1) continue;
-    const int a = num[t], b = num[t + ny], c = num[t + ny + 1], d = num[t + 1], z = 1 + rng() % n;
-    if (p == 4) en.insert(en.end(), {a, b, c, d});
-    else if (rng() % 2) en.insert(en.end(), {a, b, c, z, a, c, d, z});
-    else en.insert(en.end(), {a, b, d, z, b, c, d, z});
-  }
-  mesh.num_elements = static_cast<int>(en.size()) / 4;
-  en.push_back(1);
-  mesh.pin_flags[0] = 1;
-  for (int e = 0; e < mesh.num_elements; ++e) lc->push_back(log_sigma(rng));
-  return mesh;
+  for (int i = 0; pinned && i < n; ++i) a[i * n + i] *= s.mesh.pin_flags[i] ? 1e10 : 1.0;
+  return a;
 }
 
-// The pattern against its passes written out: each node scans all elements for its higher neighbours.
-static void expect_literal_pattern(const MeshModel& mesh, int p) {
+// Potential of the unit source at node `source` from the dense system: the total field, or the secondary
+// field of -(A(s) - A(sigma_0)) v_p plus the primary v_p.
+Vec dense_potential(const Survey& s, double k, int source, double sigma_0, const Vec* vp) {
+  const int n = s.mesh.num_nodes;
+  const Vec a = dense_matrix(s, k, [&](int e) { return std::exp(s.lc[e]); }, true);
+  const Vec d = dense_matrix(s, k, [&](int e) { return std::exp(s.lc[e]) - sigma_0; }, false);
+  Vec rhs(n, 0.0);
+  rhs[source - 1] = vp ? 0.0 : 1.0;
+  for (int i = 0; vp && i < n; ++i)
+    for (int j = 0; j < n; ++j) rhs[i] -= d[i * n + j] * (*vp)[j];
+  Vec x = builders::dense_solve(a, rhs, n);
+  for (int i = 0; vp && i < n; ++i) x[i] += (*vp)[i];
+  return x;
+}
+
+// The pattern against its definition: each node scans all elements for its higher neighbours.
+void expect_literal_pattern(const MeshModel& mesh, int p) {
   std::vector<int> row_start, columns;
   for (int i = 1; i <= mesh.num_nodes; ++i) {
     std::set<int> higher;
@@ -83,38 +93,35 @@ static void expect_literal_pattern(const MeshModel& mesh, int p) {
     columns.insert(columns.end(), higher.begin(), higher.end());
   }
   row_start.push_back(static_cast<int>(columns.size()) + 1);
-  ConductanceMatrix cm;
+  MatrixPattern pattern;
+  ForwardWork work;
   testing::internal::CaptureStdout();  // the passes' progress lines
-  build_matrix_pattern(mesh, p, &cm);
+  build_matrix_pattern(mesh, p, &pattern, &work);
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(cm.num_entries, row_start.back() - 1);
-  EXPECT_EQ(cm.matrix_row_start, row_start);
-  EXPECT_EQ(cm.matrix_columns, columns);
+  EXPECT_EQ(pattern.num_entries, row_start.back() - 1);
+  EXPECT_EQ(pattern.matrix_row_start, row_start);
+  EXPECT_EQ(pattern.matrix_columns, columns);
+  EXPECT_EQ(work.matrix_values.size(), columns.size());
 }
 
-// Triangles about node 1 with `rim` higher neighbours (reversed: about rim + 1, all lower); rim + 2 unused.
-static MeshModel fan(int rim, bool reversed) {
-  MeshModel m{rim + 2, rim - 1, std::vector<double>(rim + 2), std::vector<double>(rim + 2), {}, {}, {}};
-  for (int t = 2 - reversed; t < rim + 1 - reversed; ++t)
-    m.element_nodes.insert(m.element_nodes.end(), {reversed ? rim + 1 : 1, t, t + 1, 1});
-  m.element_nodes.push_back(1);
-  return m;
-}
+}  // namespace
 
 TEST(MatrixPattern, LiteralScanAndTheLimitOfAHundredHigherNeighbours) {
-  std::mt19937 rng(20240611);
-  std::vector<double> lc;  // not used here
-  for (int round = 0; round < 12; ++round)
-    expect_literal_pattern(problem(rng, 3 + round % 2, 3 + round / 2, 2 + round % 5, &lc), 3 + round % 2);
-  expect_literal_pattern(fan(101, true), 3);  // the limit counts higher neighbours only
+  for (int p : {3, 4}) {
+    Survey s;
+    builders::make_survey(&s, p, 5u);
+    expect_literal_pattern(s.mesh, p);
+  }
+  expect_literal_pattern(builders::fan(101, true), 3);  // the limit counts higher neighbours only
   // Both passes in a child whose console goes to the stderr the death test compares; exits 3 if they return.
   GTEST_FLAG_SET(death_test_style, "fast");
   auto passes = [](int rim) {
     fflush(stdout);
     dup2(2, 1);
     tio_open(CH_LOG, (scratch + "Q5.out").c_str());
-    ConductanceMatrix cm;
-    build_matrix_pattern(fan(rim, false), 3, &cm);
+    MatrixPattern pattern;
+    ForwardWork work;
+    build_matrix_pattern(builders::fan(rim, false), 3, &pattern, &work);
     std::exit(3);
   };
   const std::string count = " >> Determining storage needed for finite element conductance matrix\n";
@@ -128,26 +135,26 @@ TEST(MatrixPattern, LiteralScanAndTheLimitOfAHundredHigherNeighbours) {
 }
 
 TEST(ElementEquations, ExactValuesAndOrientation) {
-  auto elem = [](std::vector<double> x, std::vector<double> y, double k) {  // corners in this order
+  auto elem = [](Vec x, Vec y, double k) {  // corners in this order
     const int nodes[4] = {1, 2, 3, 4};
     double ae[25];
     element_matrix(ae, x.data(), y.data(), nodes, static_cast<int>(x.size()), k);
-    return std::vector<double>(ae, ae + 25);
+    return Vec(ae, ae + 25);
   };
   // Unit square in 2400ths (diagonal, along an edge, opposite corners); right triangle, first row at k = 1.
   const double square[2][3] = {{1800, -600, -600}, {2071, -479, -529}};
   const double triangle[2][9] = {{1, -0.5, -0.5, -0.5, 0.5, 0, -0.5, 0, 0.5},
                                  {8537.0 / 7884, -7235.0 / 15768, -7235.0 / 15768}};
   for (int k = 0; k <= 1; ++k) {
-    const std::vector<double> a = elem({0, 1, 1, 0}, {0, 0, 1, 1}, k), b = elem({0, 1, 0}, {0, 0, 1}, k);
+    const Vec a = elem({0, 1, 1, 0}, {0, 0, 1, 1}, k), b = elem({0, 1, 0}, {0, 0, 1}, k);
     for (int t = 0; t < 16; ++t)  // t % 5 == 0 on the diagonal
       EXPECT_NEAR(a[t / 4 + 5 * (t % 4)], square[k][t % 5 ? 2 - (t / 4 + t % 4) % 2 : 0] / 2400, 4 * eps);
     for (int t = 0; t < (k == 0 ? 9 : 3); ++t) EXPECT_NEAR(b[t / 3 + 5 * (t % 3)], triangle[k][t], 8 * eps);
   }
   // A skewed quadrilateral far from the origin listed clockwise: the negative matrix, mass term included.
-  const std::vector<double> x = {1e3, 1e3 + 2.1, 1e3 + 1.7, 1e3 - 0.2}, y = {-40, -39.7, -38.1, -38.9};
+  const Vec x = {1e3, 1e3 + 2.1, 1e3 + 1.7, 1e3 - 0.2}, y = {-40, -39.7, -38.1, -38.9};
   for (double k : {0.0, 0.7}) {
-    const std::vector<double> a = elem(x, y, k), b = elem({x.rbegin(), x.rend()}, {y.rbegin(), y.rend()}, k);
+    const Vec a = elem(x, y, k), b = elem({x.rbegin(), x.rend()}, {y.rbegin(), y.rend()}, k);
     const double tol = 64 * eps * 1e3 * max_abs(a);  // coordinates of 1e3 m, cells of 1 m
     for (int t = 0; t < 16; ++t)
       EXPECT_NEAR(b[3 - t / 4 + 5 * (3 - t % 4)], -a[t / 4 + 5 * (t % 4)], tol) << k << " " << t;
@@ -165,7 +172,7 @@ TEST(PinnedNode, DistanceLikeSumAndItsEdges) {
     for (int i = 0; i < 2 * n; ++i)  // every fifth round all zero: no sum above 0
       (i < n ? m.node_x : m.node_y).push_back(round % 5 ? c(rng) : 0.0);
     const ElectrodeTable t{3, {2 + round % 9, 5, 11}, {1, 2, 3}};
-    std::vector<double> sum(n + 1, 0.0);  // sum[0]: the start value 0, which stands for node 1
+    Vec sum(n + 1, 0.0);  // sum[0]: the start value 0, which stands for node 1
     for (int i = 1; i <= n; ++i)
       for (int e : t.electrode_nodes) {
         const int p = std::trunc(e - m.node_x[i - 1]), q = std::trunc(e - m.node_y[i - 1]);
@@ -198,7 +205,7 @@ TEST(Quadrature, RulesCountAndPointSourceTransform) {
   }
   auto rule = [&](double lo, double hi) {  // W; the table goes to wavenumbers x and weights w
     int count = 0;
-    wavenumber_rule(20, 0, lo, hi, x, w, &count);
+    wavenumber_rule(20, lo, hi, x, w, &count);
     return count;
   };
   EXPECT_EQ(rule(1.0, 1.0), 6);
@@ -242,7 +249,7 @@ TEST(PrimaryPotential, BesselReferenceConductivityAndHalfSpace) {
   EXPECT_NEAR(bessel_k0(2.0), bessel_k0(std::nextafter(2.0, 0.0)), 4 * eps * bessel_k0(2.0));
   // Source and image in y = 0 for k = 0 and k > 0; 4 pi and 2 pi in single precision, 2.8e-8 high.
   const MeshModel mesh{6, 0, {0.0, 1.0, 2.0, -3.0, 0.5, 0.0}, {0.0, 0.0, 1.5, 4.0, -0.25, 2.0}, {1}, {}, {}};
-  std::vector<double> v(6);
+  Vec v(6);
   for (int s : {0, 2, 5})
     for (double k : {0.0, 1e-4, 0.3, 2.0, 45.0}) {
       fill_primary_potential(mesh, s + 1, k, 0.037, v.data());
@@ -266,8 +273,8 @@ TEST(PrimaryPotential, BesselReferenceConductivityAndHalfSpace) {
   // Two quadrilaterals 1e10 m apart: each weight is T over (1 2 5), (2 3 5), (3 4 5), (4 1 5), 5 the entry
   // behind its fourth slot (node 1 behind the list); cancellation sets these off the areas by 1e-6.
   const double fx = 1.2345678901e10, fy = 0.7654321e10, lc[2] = {std::log(0.1), std::log(0.002)};
-  const std::vector<double> x = {0, 0.1, 1.13, 1.21, 0.07, fx, fx + 2.03, fx + 1.98, fx - 0.01};  // 1-based
-  const std::vector<double> y = {0, 0.3, 0.37, 1.29, 1.41, fy + 3.7, fy + 3.71, fy + 5.69, fy + 5.73};
+  const Vec x = {0, 0.1, 1.13, 1.21, 0.07, fx, fx + 2.03, fx + 1.98, fx - 0.01};  // 1-based
+  const Vec y = {0, 0.3, 0.37, 1.29, 1.41, fy + 3.7, fy + 3.71, fy + 5.69, fy + 5.73};
   const MeshModel quad{8, 2, {x.begin() + 1, x.end()}, {y.begin() + 1, y.end()}, {1, 2, 3, 4, 5, 6, 7, 8, 1},
                        {}, {}};
   auto T = [&](int i, int j, int k) {
@@ -293,15 +300,19 @@ TEST(PardisoAdapter, ErrorWordsAndAFailingReordering) {
   // No nodes: refused at reordering (-1); stage record and code on the log only; the loop stops, sums 0.
   const std::string report =
       head + "        -1\n Error in Pardiso call -report error flag to q5-maintainers@q5-resistivity.org\n";
-  ConductanceMatrix cm{0, {1}, {0}, {0.0}, {0}, {}, {}, NAN};
-  ForwardWork work{{0.0}, {0.0}, {0.0, 0.0}};
-  double ks[2] = {0.1, 0.2}, tr = 5.0;
-  int failed = 0;
+  const MeshModel mesh{0, 0, {}, {}, {1}, {}, {}};
+  const MatrixPattern pattern{0, {1}, {0}, {}};
+  const ElectrodeTable table{2, {1, 1}, {1, 2}};
+  ForwardWork work{};
+  work.matrix_values = {0.0};
+  work.matrix_permutation = {0};
+  allocate_forward_vectors(1, 2, &work);
+  const double ks[2] = {0.1, 0.2};
+  double tr = 5.0;
   testing::internal::CaptureStdout();
   for (int code : {-2, -9, -10, -11}) pardiso_report(code);
-  forward_solve(MeshModel{0, 0, {}, {}, {1}, {}, {}}, 3, &cm, ElectrodeTable{2, {1, 1}, {1, 2}},
-                MeasurementSet{1, 1, {}, {1}, {2}, {1}, {2}, {}, {}, {}}, nullptr, ks, ks, 2, 3.0, false,
-                &work, &tr, &failed);
+  const int failed = forward_solve({&mesh, 3, &pattern, &table}, MeasurementSet{1, 1, {}, {1}, {2}, {1}, {2}, {}, {}, {}},
+                                   nullptr, {ks, ks, 2, 3.0, false, 0.0}, &work, &tr);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), words + report);
   EXPECT_EQ(failed, -1);
   EXPECT_EQ(tr, 0.0);
@@ -310,89 +321,41 @@ TEST(PardisoAdapter, ErrorWordsAndAFailingReordering) {
             words + " Reordering completed\n The following error was detected         -1\n" + report);
 }
 
-// Gauss-Jordan elimination without pivoting (a row-major), stable on the positive definite systems here.
-static std::vector<double> dense_solve(std::vector<double> a, std::vector<double> b) {
-  const std::size_t n = b.size();
-  for (std::size_t c = 0; c < n; ++c)
-    for (std::size_t r = 0; r < n; ++r) {
-      const double f = r == c ? 0.0 : a[r * n + c] / a[c * n + c];
-      for (std::size_t t = c; t < n; ++t) a[r * n + t] -= f * a[c * n + t];
-      b[r] -= f * b[c];
-    }
-  for (std::size_t r = 0; r < n; ++r) b[r] /= a[r * n + r];
-  return b;
-}
-
-// Store and position map against the literal rule (element_matrix per element, search of row gi for column
-// gj): the same additions in the same order, so the same bits, also for the secondary right-hand side.
-TEST(ForwardLoop, ElementStoreIsBitIdenticalAndSumsAreTheBrackets) {
+// Transfer resistances of two-dimensional flow and of a two-term sum, without and with singularity removal:
+// the dense potentials of the current pair by superposition, weighted and summed over the terms. The
+// element store follows k from term to term and run to run, each right-hand side is cleared before it is
+// built, and the factors of the first electrode serve the others.
+TEST(ForwardLoop, TransferResistancesMatchTheDenseSuperposition) {
   tio_open(CH_LOG, (scratch + "Q5.out").c_str());
-  std::mt19937 rng(123);
-  const ElectrodeTable table{5, {1, 14, 27, 40, 53}, {1, 2, 3, 4, 5}};
-  const MeasurementSet ms{4, 4, {}, {3, 1, 4, 1}, {4, 2, 1, 2}, {1, 3, 2, 1}, {2, 4, 5, 5}, {}, {}, {}};
+  const double ks[2] = {0.3, 1.1}, ws[2] = {0.7, 0.2};
   for (int p = 3; p <= 4; ++p) {
-    std::vector<double> lc;
-    MeshModel mesh = problem(rng, p, 12, 7, &lc);
-    ConductanceMatrix cm;
-    testing::internal::CaptureStdout();  // the passes' progress lines
-    build_matrix_pattern(mesh, p, &cm);
-    testing::internal::GetCapturedStdout();
-    const int n = mesh.num_nodes, source = n / 3;
-    const int* rs = cm.matrix_row_start.data();
-    mesh.pin_flags[n / 2] = 1;
-    std::vector<double> unit(n, 0.0), vp(n), x(n), lib_rhs(n), sums(4);
-    unit[source - 1] = 1.0;
-    for (int i = 0; i < n; ++i) vp[i] = std::sin(0.37 * i);
-    for (double k : {0.8, 0.0, 0.8}) {  // the store follows k, then is reused
-      std::vector<double> values(cm.num_entries, 0.0), rhs(n, 0.0), a(n * n, 0.0);
-      double ae[25];
-      for (int e = 0; e < mesh.num_elements; ++e) {
-        const int* nd = &mesh.element_nodes[4 * e];
-        const double s = std::exp(lc[e]);
-        element_matrix(ae, mesh.node_x.data(), mesh.node_y.data(), nd, p, k);
-        for (int i = 0; i < p; ++i) {
-          double sum = 0.0;
-          for (int j = 0; j < p; ++j) {
-            sum += ae[i + 5 * j] * (s - 0.02) * vp[nd[j] - 1];
-            a[(nd[i] - 1) * n + nd[j] - 1] += s * ae[i + 5 * j];  // dense: every pair where it falls
-            if (i == j) values[rs[nd[i] - 1] - 1] += s * ae[i + 5 * j];
-            for (int r = rs[nd[i] - 1] + 1; nd[i] < nd[j] && r < rs[nd[i]]; ++r)
-              if (cm.matrix_columns[r - 1] == nd[j]) values[r - 1] += s * ae[i + 5 * j];
-          }
-          rhs[nd[i] - 1] -= sum;
+    Survey s;
+    builders::make_survey(&s, p, 40 + p);
+    s.mesh.pin_flags[s.mesh.num_nodes / 2] = 1;  // a second pinned node
+    const MeasurementSet& ms = s.ms;
+    const int n = s.mesh.num_nodes;
+    for (int mode = 0; mode < 3; ++mode) {
+      const Quadrature q{ks, ws, mode == 0 ? 1 : 2, mode == 0 ? 2.0 : 3.0, mode == 2, -1.0};
+      Vec tr(8, -1.0), ref(8, 0.0);
+      ASSERT_EQ(forward_solve(s.fm(), ms, s.lc.data(), q, &s.work, tr.data()), 0);
+      const double sigma_0 = mode == 2 ? reference_conductivity(s.mesh, p, s.lc.data()) : 0.0;
+      double size = 0.0;
+      for (int j = 0; j < q.num_wavenumbers; ++j) {
+        const double k = mode == 0 ? 0.0 : ks[j], w = mode == 0 ? 1.0 : ws[j];
+        std::vector<Vec> v;
+        for (int e : s.table.electrode_nodes) {
+          Vec vp(n);
+          fill_primary_potential(s.mesh, e, k, sigma_0, vp.data());
+          v.push_back(dense_potential(s, k, e, sigma_0, mode == 2 ? &vp : nullptr));
+          size = std::max(size, w * max_abs(v.back()));
+        }
+        for (int i = 0; i < 8; ++i) {
+          const Vec &a = v[ms.elec_a[i] - 1], &b = v[ms.elec_b[i] - 1];
+          const int m = s.table.electrode_nodes[ms.elec_m[i] - 1] - 1, o = s.table.electrode_nodes[ms.elec_n[i] - 1] - 1;
+          ref[i] += w * ((a[m] - b[m]) - (a[o] - b[o]));
         }
       }
-      for (int i = 0; i < n; ++i) {
-        values[rs[i] - 1] *= mesh.pin_flags[i] == 1 ? 10000000000.0 : 1.0;
-        a[i * n + i] *= mesh.pin_flags[i] == 1 ? 1e10 : 1.0;
-        const double scale = max_abs({&a[i * n], &a[i * n] + n});
-        for (int r = rs[i]; r < rs[i + 1]; ++r)  // the stored entries as in the dense matrix
-          EXPECT_NEAR(values[r - 1], a[i * n + cm.matrix_columns[r - 1] - 1], 4 * eps * scale) << i + 1;
-      }
-      for (int singular = 1; singular >= 0; --singular) {  // the second call reuses the factors, releases
-        std::fill(lib_rhs.begin(), lib_rhs.end(), 1e30);  // cleared by every call
-        int error = 1;
-        solve_wavenumber(mesh, p, lc.data(), &cm, lib_rhs.data(), vp.data(), x.data(), source, k, 0.02,
-                         singular == 1, singular == 0, singular == 0, &error);
-        ASSERT_EQ(error, 0);
-        EXPECT_EQ(cm.matrix_values, values) << "p " << p << " k " << k;
-        EXPECT_EQ(lib_rhs, singular ? rhs : unit) << "p " << p << " k " << k;
-        std::vector<double> ref = dense_solve(a, lib_rhs);
-        for (int i = 0; i < n; ++i) ref[i] += singular * vp[i];
-        const double tol = 64 * eps * n * 20 * std::max(max_abs(ref), max_abs(vp));  // n times contrast
-        for (int i = 0; i < n; ++i) EXPECT_NEAR(x[i], ref[i], tol) << p << " " << k << " " << singular;
-      }
-    }
-    // Flux 2.0: k = 0 and w = 1, no table read; each sum is the bracket of the columns, in its order.
-    ForwardWork work{std::vector<double>(n), std::vector<double>(n), std::vector<double>(5 * n)};
-    int failed = 1;
-    forward_solve(mesh, p, &cm, table, ms, lc.data(), nullptr, nullptr, 1, 2.0, false, &work, sums.data(),
-                  &failed);
-    ASSERT_EQ(failed, 0);
-    auto v = [&](int c, int e) { return work.potentials[(c - 1) * n + table.electrode_nodes[e - 1] - 1]; };
-    for (int i = 0; i < 4; ++i) {
-      const int a = ms.elec_a[i], b = ms.elec_b[i], m = ms.elec_m[i], o = ms.elec_n[i];
-      EXPECT_EQ(sums[i], ((v(a, m) - v(b, m)) - v(a, o)) + v(b, o)) << i;
+      for (int i = 0; i < 8; ++i) EXPECT_NEAR(tr[i], ref[i], 1e-10 * size) << "p " << p << " mode " << mode;
     }
   }
   tio_close(CH_LOG);

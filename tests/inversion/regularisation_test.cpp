@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "forward/builders.h"
 #include "inversion/inversion.h"
 #include "mesh/mesh_model.h"
 #include "run/run_context.h"
@@ -14,21 +15,20 @@
 namespace {
 
 // A row as expected: the diagonal, then (index, value) in slot order; every
-// later slot must be empty.
+// later slot must be empty. Values agree to a few single-precision units.
 struct Row {
   float diag;
   std::vector<std::pair<int, float>> off;
 };
 
 void expect_row(const RegularisationMatrix& C, int i, const Row& r) {
-  const int P = C.num_parameters;
-  auto at = [&](int k) { return static_cast<std::size_t>(k - 1) * P + (i - 1); };
+  auto at = [&](int k) { return static_cast<std::size_t>(k - 1) * C.num_parameters + (i - 1); };
   EXPECT_EQ(C.index[at(1)], i) << "row " << i;
-  EXPECT_EQ(C.values[at(1)], r.diag) << "row " << i;
+  EXPECT_FLOAT_EQ(C.values[at(1)], r.diag) << "row " << i;
   for (int k = 2; k <= C.width; ++k) {
-    bool used = k - 2 < static_cast<int>(r.off.size());
+    const bool used = k - 2 < static_cast<int>(r.off.size());
     EXPECT_EQ(C.index[at(k)], used ? r.off[k - 2].first : 0) << "row " << i << " slot " << k;
-    EXPECT_EQ(C.values[at(k)], used ? r.off[k - 2].second : 0.0f) << "row " << i << " slot " << k;
+    EXPECT_FLOAT_EQ(C.values[at(k)], used ? r.off[k - 2].second : 0.0f) << "row " << i << " slot " << k;
   }
 }
 
@@ -51,72 +51,9 @@ RunContext settings(bool regularised, bool quadratic, double alpha, int npx = 1,
   return ctx;
 }
 
-// Triangles from corner lists (3 nodes each); slot 4 takes the zone number.
-MeshModel triangles(const std::vector<double>& x, const std::vector<double>& y,
-                    const std::vector<int>& corners, const std::vector<int>& param,
-                    const std::vector<int>& zone) {
-  MeshModel m{};
-  m.num_nodes = static_cast<int>(x.size());
-  m.num_elements = static_cast<int>(param.size());
-  m.node_x = x;
-  m.node_y = y;
-  for (int e = 0; e < m.num_elements; ++e) {
-    m.element_nodes.insert(m.element_nodes.end(), &corners[3 * e], &corners[3 * e + 3]);
-    m.element_nodes.push_back(zone[e]);
-  }
-  m.element_nodes.push_back(1);
-  m.element_parameter = param;
-  return m;
-}
-
-// A strip over bottom nodes 1..n+1 at y = 0 and top nodes n+2..2n+2 at y = 1:
-// column i holds (b_i, b_i+1, t_i), then (b_i+1, t_i+1, t_i), so element k
-// shares an edge with k - 1 and k + 1 and a single node with k +- 2.
-MeshModel strip(const std::vector<double>& xs, const std::vector<int>& param,
-                const std::vector<int>& zone) {
-  const int n = static_cast<int>(xs.size());
-  std::vector<double> x(xs), y(n, 0.0);
-  x.insert(x.end(), xs.begin(), xs.end());
-  y.insert(y.end(), n, 1.0);
-  std::vector<int> corners;
-  for (int i = 1; i < n; ++i)
-    corners.insert(corners.end(), {i, i + 1, n + i, i + 1, n + i + 1, n + i});
-  return triangles(x, y, corners, param, zone);
-}
-
-// Weight of the pair e, f from their centroids, in single precision.
-float pair_weight(const MeshModel& m, int e, int f, double alpha) {
-  auto centre = [&](int el, const std::vector<double>& c) {
-    const int* n = &m.element_nodes[4 * (el - 1)];
-    return (c[n[0] - 1] + c[n[1] - 1] + c[n[2] - 1]) / 3.0;
-  };
-  double dx = std::fabs(centre(e, m.node_x) - centre(f, m.node_x));
-  double dy = std::fabs(centre(e, m.node_y) - centre(f, m.node_y));
-  return static_cast<float>(dx / (dx + dy) * alpha + dy / (dx + dy));
-}
-
-// Grid numbered as the mesh reader does: node (i, j) is i * ny + j + 1, cell
-// (I, J) is I * (ny - 1) + J + 1; param gives each cell's parameter.
-MeshModel grid(const std::vector<double>& xs, const std::vector<double>& ys,
-               const std::vector<int>& param) {
-  const int nx = static_cast<int>(xs.size()), ny = static_cast<int>(ys.size());
-  MeshModel m{};
-  m.num_nodes = nx * ny;
-  m.num_elements = (nx - 1) * (ny - 1);
-  for (int i = 0; i < nx; ++i)
-    for (int j = 0; j < ny; ++j) {
-      m.node_x.push_back(xs[i]);
-      m.node_y.push_back(ys[j]);
-    }
-  for (int I = 0; I < nx - 1; ++I)
-    for (int J = 0; J < ny - 1; ++J) {
-      int a = I * ny + J + 1;
-      m.element_nodes.insert(m.element_nodes.end(), {a, a + ny, a + ny + 1, a + 1});
-    }
-  m.element_nodes.push_back(1);
-  m.element_parameter = param;
-  return m;
-}
+using builders::grid;
+using builders::strip;
+using builders::triangles;
 
 TEST(Regularisation, MarquardtIsTheIdentity) {
   RunContext ctx = settings(false, false, 3.0);
@@ -133,15 +70,16 @@ TEST(Regularisation, TriangleNeighbours) {
   // Uneven columns, alpha 2.5. Elements 2 and 3 share parameter 2; 4 lies in
   // zone 2; 5 has no parameter, and it is the first neighbour of 6, so 6
   // couples to nothing, not even to 7 (parameter 5).
+  // The centroids of a pair lie dy = 1/3 apart and dx = h/3, h the width of
+  // their column or the two widths summed: w = (h alpha + 1) / (h + 1).
   MeshModel m = strip({0, 1, 3, 4, 7}, {1, 2, 2, 3, 0, 4, 5, 5}, {1, 1, 1, 2, 1, 1, 1, 1});
-  auto w = [&](int e, int f) { return pair_weight(m, e, f, 2.5); };
-  ASSERT_EQ(w(1, 2), 1.75f);  // centroids (1/3, 1/3) and (2/3, 2/3): dx = dy
+  auto w = [](double h) { return static_cast<float>((h * 2.5 + 1.0) / (h + 1.0)); };
   build_regularisation(settings(true, false, 2.5), m, 3, 5, &C);
-  expect_rows(C, 5, {{w(1, 2), {{2, -w(1, 2)}}},
-                     {w(2, 1) + w(2, 3) + w(3, 2), {{1, -w(2, 1)}}},
+  expect_rows(C, 5, {{w(1), {{2, -w(1)}}},
+                     {w(1) + w(3) + w(3), {{1, -w(1)}}},
                      {0.0f, {}},
                      {0.0f, {}},
-                     {w(7, 6) + w(7, 8) + w(8, 7), {{4, -w(7, 6)}}}});
+                     {w(4) + w(3) + w(3), {{4, -w(4)}}}});
 
   // Five triangles on the common edge 1-2: each has four neighbours and
   // couples to the first three by element number. alpha 1 gives w = 1

@@ -21,11 +21,11 @@ TEST(MemoryEstimate, ThirtyTwoBitProductsWrapAsIntended) {
 }
 
 TEST(DatasetStem, DigitsRenderedOneByOneWithoutRangeCheck) {
-  char stem[8];
+  char stem[DATASET_NAME_SIZE];
   const std::pair<int, const char*> cases[] = {
       {1, "f001"}, {37, "f037"}, {999, "f999"}, {1000, "f:00"}, {1011, "f:11"}};
   for (const auto& c : cases) {
-    dataset_stem(c.first, stem);
+    dataset_file_name(c.first, 0, "", stem);
     EXPECT_STREQ(stem, c.second);
   }
 }
