@@ -126,7 +126,8 @@ int compute_jacobian(const ForwardMesh& fm, const MeasurementSet& ms,
   ElementGather g;
   g.source_pairs.assign(static_cast<std::size_t>(nn) * n, 0.0);
   g.sensor_pairs.assign(static_cast<std::size_t>(nn) * n, 0.0);
-  g.node_row.assign(static_cast<std::size_t>(fm.table->num_electrodes) + 1, 0.0);
+  g.node_row.assign(static_cast<std::size_t>(fm.table->num_electrodes) + 1,
+                    0.0);
 
   for (int j = 0; j < q.num_wavenumbers; ++j) {
     const int error = forward_term(fm, ms, log_conductivity, terms, j, work,

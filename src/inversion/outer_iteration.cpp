@@ -72,15 +72,16 @@ void allocate_dataset(DatasetState* st) {
 
 void write_final_model(DatasetState* st) {
   const InverseRun& run = *st->run;
-  write_model(run.log_conductivity, *run.forward.mesh, *run.mask, run.ctx->mesh_type,
-              false, CH_MODEL, CH_MODEL_VTK, 1);
+  write_model(run.log_conductivity, *run.forward.mesh, *run.mask,
+              run.ctx->mesh_type, false, CH_MODEL, CH_MODEL_VTK, 1);
 }
 
 void write_errors(DatasetState* st, const double* final_weights) {
   const InverseRun& run = *st->run;
-  write_error_table(*run.forward.mesh, *run.forward.table, *st->ms, st->ms->observed.data(),
-                    st->c.data(), final_weights, st->W0.data(),
-                    st->flags.data(), run.ctx->flux_type, run.ctx->log_data);
+  write_error_table(*run.forward.mesh, *run.forward.table, *st->ms,
+                    st->ms->observed.data(), st->c.data(), final_weights,
+                    st->W0.data(), st->flags.data(), run.ctx->flux_type,
+                    run.ctx->log_data);
 }
 
 // The change of resistivity in percent against the start model, element by
@@ -136,8 +137,8 @@ void write_post_maps(DatasetState* st) {
     const int p = run.forward.mesh->element_parameter[e];
     st->element_values[e] = p == 0 ? 1.0 : map[p - 1];
   }
-  write_model(st->element_values.data(), *run.forward.mesh, *run.mask, ctx.mesh_type,
-              true, CH_MAP, CH_MODEL_VTK,
+  write_model(st->element_values.data(), *run.forward.mesh, *run.mask,
+              ctx.mesh_type, true, CH_MAP, CH_MODEL_VTK,
               ctx.want_sensitivity ? CONTENT_SENSITIVITY : CONTENT_RESOLUTION);
   tio_close(CH_MODEL_VTK);
   if (ctx.want_matrix_dump)
@@ -336,8 +337,8 @@ void write_iteration_files(DatasetState* st) {
   tio_open(CH_ITER_TABLE, name);
   dataset_file_name(st->dataset, st->iteration, "_res.vtk", name);
   tio_open(CH_ITER_VTK, name);
-  write_model(run.log_conductivity, *run.forward.mesh, *run.mask, run.ctx->mesh_type,
-              false, CH_ITER_TABLE, CH_ITER_VTK, -1);
+  write_model(run.log_conductivity, *run.forward.mesh, *run.mask,
+              run.ctx->mesh_type, false, CH_ITER_TABLE, CH_ITER_VTK, -1);
   tio_close(CH_ITER_TABLE);
   tio_close(CH_ITER_VTK);
 }

@@ -187,26 +187,21 @@ TEST(InnerSolver, FingerprintsOfBothExits) {
 // joint mode at m = m0) is not guarded either: NaN, and the steps run out.
 // The resolution map of one parameter: no step, one failure, entry 0.
 TEST(InnerSolver, StepLimitBelowTwoParametersAndZeroRightHandSide) {
-  Problem one = make_problem(4, 1, 5, 3), none = make_problem(4, 0, 5, 3), zero = make_problem(6, 8, 5, 5);
-  Solved s = run(one, 1.0, 0.0, 0);
-  EXPECT_EQ(s.flag, 1);
-  EXPECT_EQ(s.result, 0.0);
-  EXPECT_EQ(s.x[0], 0.0);
-  s = run(one, 1.0, 0.0, 0, true);
-  EXPECT_EQ(s.flag, 1);
-  EXPECT_EQ(s.x[0], 0.0);
-  EXPECT_EQ(s.result, 0.0);
-  s = run(none, 1.0, 0.0, 0);
-  EXPECT_EQ(s.flag, 1);
-  EXPECT_TRUE(std::isnan(s.result));
-  s = run(none, 1.0, 0.0, 0, true);
-  EXPECT_EQ(s.flag, 0);
-  EXPECT_EQ(s.result, 0.0);
+  Problem zero = make_problem(6, 8, 5, 5);
   zero.m0 = zero.m;
   std::fill(zero.e.begin(), zero.e.end(), 0.0);
-  s = run(zero, 1.0, 0.5, 1);
-  EXPECT_EQ(s.flag, 1);
-  EXPECT_TRUE(std::isnan(s.result));
+  struct Case { Problem pb; int mode; double jw; bool resolution; int flag; double result; };  // NAN: NaN
+  const Case cases[] = {{make_problem(4, 1, 5, 3), 0, 0.0, false, 1, 0.0}, {make_problem(4, 1, 5, 3), 0, 0.0, true, 1, 0.0},
+                        {make_problem(4, 0, 5, 3), 0, 0.0, false, 1, NAN}, {make_problem(4, 0, 5, 3), 0, 0.0, true, 0, 0.0},
+                        {zero, 1, 0.5, false, 1, NAN}};
+  for (const Case& c : cases) {
+    const Solved s = run(c.pb, 1.0, c.jw, c.mode, c.resolution);
+    EXPECT_EQ(s.flag, c.flag) << c.pb.P;
+    EXPECT_TRUE(std::isnan(c.result) ? std::isnan(s.result) : s.result == c.result) << c.pb.P << " " << s.result;
+    if (c.pb.P == 1) {
+      EXPECT_EQ(s.x[0], 0.0);
+    }
+  }
 }
 
 // The raw weighted sums of squares, whatever the blocking of the columns; a
