@@ -24,20 +24,6 @@
 
 namespace {
 
-// Everything sized by the mesh and the control file: lives for the run.
-struct RunState {
-  RunContext ctx;
-  MeshModel mesh;
-  ConductanceMatrix cm;
-  std::vector<double> log_conductivity;  // E, ln of conductivity
-  ParameterMap map;
-  OutputMask mask;
-  ElectrodeTable table;
-  ForwardWork work;
-  double electrode_spacing;  // largest spacing of adjacent grid electrodes, m
-  RegularisationMatrix regularisation;  // built once before the first dataset
-};
-
 // Flush denormal results to zero and treat denormal inputs as zero (the FTZ
 // and DAZ bits of MXCSR): the whole computation runs in this mode.
 void set_floating_point_mode() { _mm_setcsr(_mm_getcsr() | 0x8040); }
@@ -62,7 +48,8 @@ void allocate_forward_work(RunState* s) {
   s->work.potentials.assign(n * (size_t)s->table.num_electrodes, 0.0);
 }
 
-// Reading stage: the control file from record 1 to its last record.
+}  // namespace
+
 void read_control_and_build(RunState* s) {
   RunContext* ctx = &s->ctx;
   read_title(ctx);
@@ -85,19 +72,20 @@ void read_control_and_build(RunState* s) {
   choose_pinned_node(ctx->mesh_type, s->table, &s->mesh);
 }
 
-[[noreturn]] void end_of_data() {
-  message(CH_LOG, CH_CONSOLE, "/ 1X, 'End of data:  Terminating'");
-  timer("stop");
-  timer_report();
-  tio_stop("All ok");
-}
-
-// Reads the head of the next block of protocol.dat; 0 at end of file.
 int read_block_head() {
   int count = 0;
   if (tio_read(CH_PROTOCOL, READ_END_TOLERANT, {rd_int(&count)}) == READ_EOF)
     return 0;
   return count;
+}
+
+namespace {
+
+[[noreturn]] void end_of_data() {
+  message(CH_LOG, CH_CONSOLE, "/ 1X, 'End of data:  Terminating'");
+  timer("stop");
+  timer_report();
+  tio_stop("All ok");
 }
 
 int stencil_width(const RunContext& ctx) { return ctx.quadratic_filter ? 13 : 5; }
