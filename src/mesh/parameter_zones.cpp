@@ -12,6 +12,13 @@
 
 namespace {
 
+// A parameter number of mesh.dat, or blocks of zero width, may ask for far
+// more parameters than there are elements: the stop that a failed
+// allocation of their start values would give, before any work on them.
+void require_parameter_memory(double num_parameters) {
+  require_memory(8.0 * num_parameters, "the arrays of this run");
+}
+
 const char* const kNegativePatching =
     "' FATAL: defining patching of parameters - patch sizes and counts must "
     "not be negative'";
@@ -30,6 +37,7 @@ int mesh_file_parameters(RunContext* ctx, const MeshModel& mesh) {
             {wv_int(p)});
     if (p > largest) largest = p;
   }
+  require_parameter_memory(largest);
   return largest;
 }
 
@@ -70,7 +78,9 @@ int listed_blocks(RunContext* ctx, MeshModel* mesh) {
           "' FATAL: defining patching of parameters - too many blocks'");
 
   // The width lists grow as their values are read: counts larger than the
-  // file end the run at its end without lists of that size.
+  // file end the run at its end without lists of that size. The guard is
+  // the stop a failed allocation of the lists would give.
+  require_memory(4.0 * (static_cast<double>(npx) + npy + 2.0), "the arrays of this run");
   std::vector<int> patch_x;
   std::vector<int> patch_y;
   int npxstart = 0;
@@ -107,6 +117,7 @@ int listed_blocks(RunContext* ctx, MeshModel* mesh) {
 
   // The checks above keep the last covered cell column at
   // npxstart + sum_x - 1 <= num_x - 1, the last cell of the grid.
+  require_parameter_memory(static_cast<double>(npx) * npy);
   int cells_y = ctx->num_y - 1;
   for (int e = 0; e < mesh->num_elements; ++e) mesh->element_parameter[e] = 0;
   int first_i = npxstart - 1;
@@ -180,10 +191,7 @@ void build_parameter_map(RunContext* ctx, MeshModel* mesh,
   }
 
   // With several elements in one parameter the last in element order sets
-  // its start value. A parameter number of mesh.dat, or blocks of zero
-  // width, may ask for far more parameters than there are elements; the
-  // guard gives the stop that a failed allocation of them would give.
-  require_memory(8.0 * num_parameters, "the arrays of this run");
+  // its start value.
   map->num_parameters = num_parameters;
   map->start_parameters.assign(static_cast<std::size_t>(num_parameters), 0.0);
   for (int e = 0; e < mesh->num_elements; ++e) {
