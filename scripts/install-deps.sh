@@ -4,7 +4,9 @@
 # Python libraries of the companion tools (q5-import, q5-plot, q5-invert),
 # and the engines of q5-batch: GNU parallel, Slurm and its munge
 # authentication (the tests bring up a one-node cluster of their own), and
-# Shewchuk's Triangle, the mesher of q5-import's triangle meshes (non-free).
+# Shewchuk's Triangle, the mesher of q5-import's triangle meshes (non-free);
+# clang with libFuzzer's runtime (and llvm-symbolizer for its reports) for
+# the fuzz targets of the readers.
 # Idempotent: packages already present are left alone.
 set -euo pipefail
 
@@ -15,7 +17,8 @@ fi
 export DEBIAN_FRONTEND=noninteractive
 packages=(g++ cmake make pkg-config libgtest-dev libmkl-dev
           python3 python3-numpy python3-matplotlib python3-meshio python3-pytest
-          triangle-bin parallel slurm-wlm munge)
+          triangle-bin parallel slurm-wlm munge
+          clang libclang-rt-14-dev llvm)
 
 missing=()
 for p in "${packages[@]}"; do

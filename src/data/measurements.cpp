@@ -10,20 +10,32 @@
 #include "run/run_context.h"
 #include "textio/textio.h"
 
+// The arrays start empty and grow by one slot as each line is read (see
+// read_measurements): a head larger than the block costs no memory beyond
+// the lines the file holds. The guard still judges the head as read.
+namespace {
+
+// Resizes every array of ms to `slots` readings; new slots hold zeros.
+void size_arrays(size_t slots, MeasurementSet* ms) {
+  ms->electrode_numbers.resize(4 * slots, 0);
+  ms->elec_m.resize(slots, 0);
+  ms->elec_n.resize(slots, 0);
+  ms->elec_a.resize(slots, 0);
+  ms->elec_b.resize(slots, 0);
+  ms->observed.resize(slots, 0.0);
+  ms->reference.resize(slots, 0.0);
+  ms->data_weight.resize(slots, 0.0);
+}
+
+}  // namespace
+
 void allocate_measurements(int capacity, MeasurementSet* ms) {
   size_t n = capacity > 0 ? (size_t)capacity : 0;
   // Nine arrays here and a few more per reading in the caller.
   require_memory(160.0 * (double)n, "the measurements of this block");
   ms->measurement_capacity = capacity;
   ms->num_measurements = capacity;
-  ms->electrode_numbers.assign(4 * n, 0);
-  ms->elec_m.assign(n, 0);
-  ms->elec_n.assign(n, 0);
-  ms->elec_a.assign(n, 0);
-  ms->elec_b.assign(n, 0);
-  ms->observed.assign(n, 0.0);
-  ms->reference.assign(n, 0.0);
-  ms->data_weight.assign(n, 0.0);
+  size_arrays(0, ms);
 }
 
 int find_electrode(const ElectrodeTable& table, int id) {
@@ -150,6 +162,9 @@ void read_measurements(const RunContext& ctx, const MeshModel& mesh,
   int positive = 0;     // readings with rho > 0
   double log_sum = 0.0; // sum of their ln(rho)
   for (int c = 1; c <= ms->measurement_capacity; ++c) {
+    // Slot n is reused after a rejected line, so it only grows when new; a
+    // line's unchanged items keep what the rejected line left there.
+    if (ms->observed.size() <= (size_t)n) size_arrays((size_t)n + 1, ms);
     double error_item = 0.0;
     int status = read_line_into_slot(lay, ms, n, &error_item);
     if (status == READ_BAD) {
@@ -201,6 +216,8 @@ void read_measurements(const RunContext& ctx, const MeshModel& mesh,
     ++n;
   }
   const int lines = ms->measurement_capacity > 0 ? ms->measurement_capacity : 0;
+  // Every line of the block has been read: the arrays take their full size.
+  size_arrays((size_t)lines, ms);
   ms->num_measurements = n;
   message(CH_LOG, CH_CONSOLE,
           "/ ' ', 'Measurements read: ', I5, 5X, 'Measurements rejected: ', I5",

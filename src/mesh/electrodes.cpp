@@ -59,9 +59,11 @@ void read_electrodes(const RunContext& ctx, const MeshModel& mesh,
   if (count < 0) count = 0;
   // The table and the potentials of one unit source per electrode.
   require_memory(8.0 * count * (mesh.num_nodes + 1.0), "the electrodes");
+  // The table grows as records are read: a count larger than the file ends
+  // the run at its end with no more than the file's records in memory.
   table->num_electrodes = count;
-  table->electrode_nodes.assign(static_cast<std::size_t>(count), 0);
-  table->electrode_ids.assign(static_cast<std::size_t>(count), 0);
+  table->electrode_nodes.clear();
+  table->electrode_ids.clear();
 
   for (int k = 1; k <= count; ++k) {
     int id = 0;
@@ -79,8 +81,8 @@ void read_electrodes(const RunContext& ctx, const MeshModel& mesh,
                {rd_int(&id), rd_int(&column), rd_int(&row)});
       node = grid_electrode_node(ctx, k, column, row);
     }
-    table->electrode_ids[k - 1] = id;
-    table->electrode_nodes[k - 1] = node;
+    table->electrode_ids.push_back(id);
+    table->electrode_nodes.push_back(node);
   }
 
   write_positions(ctx, mesh, *table);

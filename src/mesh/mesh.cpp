@@ -1,6 +1,7 @@
 // The mesh in its common form: a rectangular grid built from the grid records
 // of Q5.in, or a triangle mesh read from mesh.dat; and the coordinate factor
-// of mesh.dat.
+// of mesh.dat. Arrays are filled only from records read, so that a count
+// larger than its file costs no more memory than the file holds.
 #include "mesh/mesh_model.h"
 
 #include <climits>
@@ -12,18 +13,23 @@
 
 namespace {
 
-// Sizes every array of the mesh for N nodes and E elements. The entry behind
-// the last element holds node 1; pin flags start at 0.
-void size_mesh(int num_nodes, int num_elements, MeshModel* mesh) {
-  // The mesh, its matrix pattern and values and the per-wavenumber element
-  // matrices take about 120 bytes a node and 220 an element.
+// Stops the run before the mesh records are read when the counts ask for
+// more memory than the machine has: the mesh, its matrix pattern and values
+// and the per-wavenumber element matrices take about 120 bytes a node and
+// 220 an element.
+void require_mesh_memory(int num_nodes, int num_elements) {
   require_memory(120.0 * num_nodes + 220.0 * num_elements, "the mesh");
+}
+
+// Sets the counts and sizes the element arrays and pin flags, once the
+// records that justify them have been read. The entry behind the last
+// element holds node 1; pin flags start at 0. The node coordinates are
+// sized by the callers as they fill them.
+void size_mesh(int num_nodes, int num_elements, MeshModel* mesh) {
   std::size_t n = static_cast<std::size_t>(num_nodes);
   std::size_t e = static_cast<std::size_t>(num_elements);
   mesh->num_nodes = num_nodes;
   mesh->num_elements = num_elements;
-  mesh->node_x.assign(n, 0.0);
-  mesh->node_y.assign(n, 0.0);
   mesh->element_nodes.assign(4 * e + 1, 0);
   mesh->element_nodes[4 * e] = 1;
   mesh->element_parameter.assign(e, 0);
@@ -47,33 +53,39 @@ void build_grid(RunContext* ctx, MeshModel* mesh) {
   ctx->num_x = nx;
   ctx->num_y = ny;
   int num_elements = (nx - 1) * (ny - 1);
-  size_mesh(static_cast<int>(num_nodes), num_elements, mesh);
+  require_mesh_memory(static_cast<int>(num_nodes), num_elements);
+  const std::size_t n = static_cast<std::size_t>(num_nodes);
 
-  std::vector<double> xs(nx);
-  tio_read(CH_CONTROL, READ_PLAIN, {rd_real(xs.data(), nx)});
-  for (int i = 1; i <= nx; ++i)
-    for (int j = 1; j <= ny; ++j)
-      mesh->node_x[static_cast<std::size_t>(i - 1) * ny + j - 1] = xs[i - 1];
+  std::vector<double> xs;
+  tio_read(CH_CONTROL, READ_PLAIN, {rd_real_grow(&xs, nx)});
 
-  std::vector<double> ys(ny);
+  std::vector<double> ys;
+  std::vector<double> offset;
   if (ctx->mesh_type == 4) {
     // Surface offset per column, then one list of row depths: each column
     // is shifted up by its offset and keeps the spacing of the rows.
-    std::vector<double> offset(nx);
-    tio_read(CH_CONTROL, READ_PLAIN, {rd_real(offset.data(), nx)});
-    tio_read(CH_CONTROL, READ_PLAIN, {rd_real(ys.data(), ny)});
+    tio_read(CH_CONTROL, READ_PLAIN, {rd_real_grow(&offset, nx)});
+    tio_read(CH_CONTROL, READ_PLAIN, {rd_real_grow(&ys, ny)});
+    mesh->node_y.assign(n, 0.0);
     for (int i = 1; i <= nx; ++i)
       for (int j = 1; j <= ny; ++j)
         mesh->node_y[static_cast<std::size_t>(i - 1) * ny + j - 1] =
             ys[j - 1] - offset[i - 1];
   } else {
-    // A depth list of its own for each column.
+    // A depth list of its own for each column; an item the list leaves
+    // unchanged keeps the depth of the column before.
+    mesh->node_y.clear();
     for (int i = 1; i <= nx; ++i) {
-      tio_read(CH_CONTROL, READ_PLAIN, {rd_real(ys.data(), ny)});
-      for (int j = 1; j <= ny; ++j)
-        mesh->node_y[static_cast<std::size_t>(i - 1) * ny + j - 1] = ys[j - 1];
+      tio_read(CH_CONTROL, READ_PLAIN, {rd_real_grow(&ys, ny)});
+      mesh->node_y.insert(mesh->node_y.end(), ys.begin(), ys.begin() + ny);
     }
   }
+
+  size_mesh(static_cast<int>(num_nodes), num_elements, mesh);
+  mesh->node_x.assign(n, 0.0);
+  for (int i = 1; i <= nx; ++i)
+    for (int j = 1; j <= ny; ++j)
+      mesh->node_x[static_cast<std::size_t>(i - 1) * ny + j - 1] = xs[i - 1];
 
   for (int i = 1; i <= nx - 1; ++i) {
     for (int j = 1; j <= ny - 1; ++j) {
@@ -89,9 +101,13 @@ void build_grid(RunContext* ctx, MeshModel* mesh) {
 }
 
 // Triangle mesh from mesh.dat on channel 9, which stays open. Records are
-// placed by the number they carry. Numbers that would place a record or name
-// a node outside the arrays stop the run; so does an element that no record
-// placed, since its node slots would be left without nodes.
+// placed by the number they carry, in file order, once all of their kind
+// have been read: a count larger than the file then ends the run at the end
+// of the file without arrays of that size. Numbers that would place a
+// record or name a node outside the arrays stop the run; so does an element
+// that no record placed, since its node slots would be left without nodes.
+// An item a record leaves unchanged (null, or after '/') keeps the value of
+// the record before, 0 in the first.
 void read_mesh_file(RunContext* ctx, MeshModel* mesh) {
   tio_open(CH_MESH, "mesh.dat");
   int num_elements = 0;
@@ -100,11 +116,11 @@ void read_mesh_file(RunContext* ctx, MeshModel* mesh) {
   if (num_elements < 0 || num_nodes < 0)
     fatal(CH_LOG, CH_CONSOLE,
           "' FATAL: mesh.dat must give at least zero elements and nodes'");
-  size_mesh(num_nodes, num_elements, mesh);
+  require_mesh_memory(num_nodes, num_elements);
 
-  std::vector<unsigned char> placed(static_cast<std::size_t>(num_elements), 0);
+  std::vector<int> records;  // 6 per element record, in file order
+  int rec[6] = {0, 0, 0, 0, 0, 0};
   for (int r = 0; r < num_elements; ++r) {
-    int rec[6];
     tio_read(CH_MESH, READ_PLAIN, {rd_int(rec, 6)});
     int e = rec[0];
     if (e < 1 || e > num_elements)
@@ -116,20 +132,31 @@ void read_mesh_file(RunContext* ctx, MeshModel* mesh) {
         fatal(CH_LOG, CH_CONSOLE,
               "' FATAL: node number out of range in mesh.dat: ', I10",
               {wv_int(rec[s])});
+    records.insert(records.end(), rec, rec + 6);
+  }
+
+  size_mesh(num_nodes, num_elements, mesh);
+  std::vector<unsigned char> placed(static_cast<std::size_t>(num_elements), 0);
+  for (int r = 0; r < num_elements; ++r) {
+    const int* q = &records[6 * static_cast<std::size_t>(r)];
+    int e = q[0];
     int* slot = &mesh->element_nodes[4 * static_cast<std::size_t>(e - 1)];
-    slot[0] = rec[1];
-    slot[1] = rec[2];
-    slot[2] = rec[3];
-    mesh->element_parameter[e - 1] = rec[4];
-    slot[3] = rec[5];  // zone number of the regularisation, not a node
+    slot[0] = q[1];
+    slot[1] = q[2];
+    slot[2] = q[3];
+    mesh->element_parameter[e - 1] = q[4];
+    slot[3] = q[5];  // zone number of the regularisation, not a node
     placed[e - 1] = 1;
   }
+  std::vector<int>().swap(records);
   for (int e = 1; e <= num_elements; ++e)
     if (!placed[e - 1])
       fatal(CH_LOG, CH_CONSOLE,
             "' FATAL: element number missing in mesh.dat: ', I10",
             {wv_int(e)});
 
+  std::vector<int> numbers;   // node number of each record, in file order
+  std::vector<double> coords; // x, y of each record
   for (int r = 0; r < num_nodes; ++r) {
     int n = 0;
     double xy[2] = {0.0, 0.0};
@@ -138,8 +165,15 @@ void read_mesh_file(RunContext* ctx, MeshModel* mesh) {
       fatal(CH_LOG, CH_CONSOLE,
             "' FATAL: node number out of range in mesh.dat: ', I10",
             {wv_int(n)});
-    mesh->node_x[n - 1] = xy[0];
-    mesh->node_y[n - 1] = xy[1];
+    numbers.push_back(n);
+    coords.push_back(xy[0]);
+    coords.push_back(xy[1]);
+  }
+  mesh->node_x.assign(static_cast<std::size_t>(num_nodes), 0.0);
+  mesh->node_y.assign(static_cast<std::size_t>(num_nodes), 0.0);
+  for (int r = 0; r < num_nodes; ++r) {
+    mesh->node_x[numbers[r] - 1] = coords[2 * static_cast<std::size_t>(r)];
+    mesh->node_y[numbers[r] - 1] = coords[2 * static_cast<std::size_t>(r) + 1];
   }
   ctx->num_x = 1;
   ctx->num_y = num_nodes;

@@ -12,6 +12,13 @@
 
 namespace {
 
+// A parameter number of mesh.dat, or blocks of zero width, may ask for far
+// more parameters than there are elements: the stop that a failed
+// allocation of their start values would give, before any work on them.
+void require_parameter_memory(double num_parameters) {
+  require_memory(8.0 * num_parameters, "the arrays of this run");
+}
+
 const char* const kNegativePatching =
     "' FATAL: defining patching of parameters - patch sizes and counts must "
     "not be negative'";
@@ -30,6 +37,7 @@ int mesh_file_parameters(RunContext* ctx, const MeshModel& mesh) {
             {wv_int(p)});
     if (p > largest) largest = p;
   }
+  require_parameter_memory(largest);
   return largest;
 }
 
@@ -69,12 +77,16 @@ int listed_blocks(RunContext* ctx, MeshModel* mesh) {
     fatal(CH_LOG, CH_CONSOLE,
           "' FATAL: defining patching of parameters - too many blocks'");
 
-  std::vector<int> patch_x(static_cast<std::size_t>(npx) + 1, 0);
-  std::vector<int> patch_y(static_cast<std::size_t>(npy) + 1, 0);
+  // The width lists grow as their values are read: counts larger than the
+  // file end the run at its end without lists of that size. The guard is
+  // the stop a failed allocation of the lists would give.
+  require_memory(4.0 * (static_cast<double>(npx) + npy + 2.0), "the arrays of this run");
+  std::vector<int> patch_x;
+  std::vector<int> patch_y;
   int npxstart = 0;
   int npystart = 0;
-  tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&npxstart), rd_int(patch_x.data(), npx)});
-  tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&npystart), rd_int(patch_y.data(), npy)});
+  tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&npxstart), rd_int_grow(&patch_x, npx)});
+  tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&npystart), rd_int_grow(&patch_y, npy)});
   long long sum_x = 0;
   long long sum_y = 0;
   for (int a = 0; a < npx; ++a) {
@@ -105,6 +117,7 @@ int listed_blocks(RunContext* ctx, MeshModel* mesh) {
 
   // The checks above keep the last covered cell column at
   // npxstart + sum_x - 1 <= num_x - 1, the last cell of the grid.
+  require_parameter_memory(static_cast<double>(npx) * npy);
   int cells_y = ctx->num_y - 1;
   for (int e = 0; e < mesh->num_elements; ++e) mesh->element_parameter[e] = 0;
   int first_i = npxstart - 1;
@@ -202,10 +215,17 @@ void read_polyline_mask(const RunContext& ctx, MeshModel* mesh,
   tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&n)});
   if (n < 1) n = 0;
   require_memory(16.0 * n, "the polyline");
-  std::vector<double> px(static_cast<std::size_t>(n));
-  std::vector<double> py(static_cast<std::size_t>(n));
-  for (int k = 0; k < n; ++k)
-    tio_read(CH_CONTROL, READ_PLAIN, {rd_real(&px[k]), rd_real(&py[k])});
+  // The points are kept as they are read: a count larger than the file ends
+  // the run at its end with no more than the file's points in memory.
+  std::vector<double> px;
+  std::vector<double> py;
+  for (int k = 0; k < n; ++k) {
+    double x = 0.0;
+    double y = 0.0;
+    tio_read(CH_CONTROL, READ_PLAIN, {rd_real(&x), rd_real(&y)});
+    px.push_back(x);
+    py.push_back(y);
+  }
   if (n >= 1 && (px[0] != px[n - 1] || py[0] != py[n - 1]))
     fatal(CH_CONSOLE, CH_LOG,
           "' FATAL:  Error in polyline - the first and last pair must be "

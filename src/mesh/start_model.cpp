@@ -37,7 +37,9 @@ void read_regions(int num_regions, int num_elements, double* value) {
 
 // Start model file on channel 20: x, y, resistivity per element, tied to the
 // element by line order alone; the coordinates are dropped. No sign check: a
-// resistivity of 0 or below gives a non-finite value.
+// resistivity of 0 or below gives a non-finite value. An item a record
+// leaves unchanged (null, or after '/') keeps the value of the record
+// before, 0 in the first.
 void read_start_file(RunContext* ctx, int num_elements, double* value) {
   tio_read_line(CH_CONTROL, ctx->start_file, 30);
   message(CH_LOG, CH_CONSOLE, "' >> Reading start resistivity from ', A",
@@ -48,8 +50,8 @@ void read_start_file(RunContext* ctx, int num_elements, double* value) {
   for (int i = 0; i < len; ++i) name[i] = ctx->start_file[i];
   name[len] = '\0';
   tio_open(CH_START, name);
+  double rec[3] = {0.0, 0.0, 0.0};
   for (int e = 0; e < num_elements; ++e) {
-    double rec[3];
     tio_read(CH_START, READ_PLAIN, {rd_real(rec, 3)});
     value[e] = rec[2];
   }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "run/memory_guard.h"
 #include "run/run_context.h"
 #include "textio/textio.h"
 
@@ -84,20 +85,33 @@ static void write_inverse_type_banner(int inverse_type) {
   }
 }
 
-// Record 8f: one row of blocks per line; the table runs along y first.
+// Record 8f: one row of blocks per line; the table runs along y first. The
+// rows are kept as they are read and turned into the table at the end, so
+// that counts larger than the file end the run at its end with no more than
+// the file's rows in memory. An item a row leaves unchanged (null, or after
+// '/') keeps the value of the row before, 0 in the first.
 static void read_block_weights(RunContext* ctx, bool blocked) {
   int npx = ctx->num_patch_x, npy = ctx->num_patch_y;
   long long count = (long long)npx * npy;
   if (npx < 0 || npy < 0 || count > 0x7fffffff)
     fatal(CH_LOG, CH_CONSOLE,
           "1X, 'FATAL: block weights - number of parameter blocks out of range'");
-  ctx->block_weights.assign(count > 0 ? (size_t)count : 1, 1.0);
-  if (!blocked) return;
-  std::vector<double> row(npx > 0 ? npx : 1);
-  for (int k = 1; k <= npy; ++k) {
-    tio_read(CH_CONTROL, READ_PLAIN, {rd_real(row.data(), npx)});
-    for (int a = 0; a < npx; ++a) ctx->block_weights[(size_t)a * npy + k - 1] = row[a];
+  // One weight per parameter: the stop a failed allocation would give.
+  require_memory(8.0 * (double)count, "the arrays of this run");
+  if (!blocked) {
+    ctx->block_weights.assign(count > 0 ? (size_t)count : 1, 1.0);
+    return;
   }
+  std::vector<double> rows;  // npy rows of npx weights, in file order
+  std::vector<double> row;
+  for (int k = 1; k <= npy; ++k) {
+    tio_read(CH_CONTROL, READ_PLAIN, {rd_real_grow(&row, npx)});
+    rows.insert(rows.end(), row.begin(), row.begin() + npx);
+  }
+  ctx->block_weights.assign(count > 0 ? (size_t)count : 1, 1.0);
+  for (int k = 1; k <= npy; ++k)
+    for (int a = 0; a < npx; ++a)
+      ctx->block_weights[(size_t)a * npy + k - 1] = rows[(size_t)(k - 1) * npx + a];
 }
 
 // Record 8c: data_type and reg_mode with their checks, flags and banners.

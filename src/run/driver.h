@@ -1,5 +1,6 @@
 // The run driver: the program's single thread of control from entry to exit,
-// and the steps of a run it is made of, which the benchmark calls too.
+// and the steps of a run it is made of, which the benchmark and the fuzz
+// targets call too.
 #pragma once
 
 #include <vector>

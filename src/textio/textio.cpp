@@ -1,6 +1,7 @@
 // Text records: the channel table and its files, the list-directed reads,
 // the edit-form and free-format writes, and the stops of the run. Owns every
-// FILE* of the program and the layer's own failures (exit status 2).
+// FILE* of the program and the layer's own failures (exit status 2), and the
+// memory files and stop hook of an in-process harness.
 #include "textio/textio.h"
 
 #include <cctype>
@@ -38,7 +39,72 @@ Channel g_channels[kMaxChannel + 1];
 bool g_failing = false;  // a layer failure is under way: close without checks
 std::string g_out;       // text of the write statement being assembled
 
+// In-process harness: memory files in place of the working directory, the
+// console dropped unless kept, and a hook that takes the stops.
+const TioMemoryFile* g_memory_files = nullptr;  // nullptr: real files
+int g_num_memory_files = 0;
+FILE* g_sink = nullptr;  // drops the console and stderr of a quiet harness
+void (*g_stop_hook)(int status) = nullptr;
+
 void close_channel(int channel);
+
+// A stream over bytes in memory: reads them, drops what is written.
+struct MemoryStream {
+  const char* data;
+  size_t size;
+  size_t pos;
+};
+
+ssize_t memory_read(void* cookie, char* buf, size_t n) {
+  MemoryStream* m = static_cast<MemoryStream*>(cookie);
+  const size_t left = m->size - m->pos;
+  if (n > left) n = left;
+  if (n > 0) std::memcpy(buf, m->data + m->pos, n);
+  m->pos += n;
+  return static_cast<ssize_t>(n);
+}
+
+ssize_t memory_write(void*, const char*, size_t n) { return static_cast<ssize_t>(n); }
+
+int memory_seek(void* cookie, off64_t* offset, int whence) {
+  MemoryStream* m = static_cast<MemoryStream*>(cookie);
+  off64_t base = 0;
+  if (whence == SEEK_CUR) base = static_cast<off64_t>(m->pos);
+  else if (whence == SEEK_END) base = static_cast<off64_t>(m->size);
+  const off64_t to = base + *offset;
+  if (to < 0) return -1;
+  m->pos = static_cast<size_t>(to) < m->size ? static_cast<size_t>(to) : m->size;
+  *offset = static_cast<off64_t>(m->pos);
+  return 0;
+}
+
+int memory_close(void* cookie) {
+  delete static_cast<MemoryStream*>(cookie);
+  return 0;
+}
+
+FILE* memory_stream(const char* data, size_t size) {
+  MemoryStream* m = new MemoryStream{data, size, 0};
+  cookie_io_functions_t io{memory_read, memory_write, memory_seek, memory_close};
+  FILE* fp = fopencookie(m, "r+", io);
+  if (!fp) delete m;
+  return fp;
+}
+
+// Where console and error text go: the process's streams, or the sink.
+FILE* console_out() { return g_sink ? g_sink : stdout; }
+FILE* error_out() { return g_sink ? g_sink : stderr; }
+
+// Ends the process, or hands the stop to the harness's hook with the layer
+// set back to its state before the run.
+[[noreturn]] void end_process(int status) {
+  if (g_stop_hook) {
+    g_failing = false;
+    g_channels[CH_CONSOLE].line_open = false;
+    g_stop_hook(status);
+  }
+  std::exit(status);
+}
 
 // Ends the run on a failure of the layer itself: the diagnostic goes to the
 // console and to stderr, files are closed and the status is 2.
@@ -52,14 +118,14 @@ void close_channel(int channel);
   g_failing = true;
   for (int c = 0; c <= kMaxChannel; ++c)
     if (g_channels[c].file) std::fflush(g_channels[c].file);
-  if (g_channels[CH_CONSOLE].line_open) std::fputc('\n', stdout);
+  if (g_channels[CH_CONSOLE].line_open) std::fputc('\n', console_out());
   g_channels[CH_CONSOLE].line_open = false;
-  std::fputs(msg.c_str(), stdout);
-  std::fflush(stdout);
-  std::fputs(msg.c_str(), stderr);
-  std::fflush(stderr);
+  std::fputs(msg.c_str(), console_out());
+  std::fflush(console_out());
+  std::fputs(msg.c_str(), error_out());
+  std::fflush(error_out());
   for (int c = 0; c <= kMaxChannel; ++c) close_channel(c);
-  std::exit(2);
+  end_process(2);
 }
 
 [[noreturn]] void channel_failure(const char* words, int channel) {
@@ -72,13 +138,13 @@ void check_channel(int channel) {
   if (channel < 0 || channel > kMaxChannel) {
     const std::string s = "unit " + std::to_string(channel) + " is outside 0 to " +
                           std::to_string(kMaxChannel) + "\n";
-    std::fflush(stdout);
-    std::fputs(s.c_str(), stdout);
-    std::fputs(s.c_str(), stderr);
-    std::fflush(stdout);
+    std::fflush(console_out());
+    std::fputs(s.c_str(), console_out());
+    std::fputs(s.c_str(), error_out());
+    std::fflush(console_out());
     g_failing = true;
     for (int c = 0; c <= kMaxChannel; ++c) close_channel(c);
-    std::exit(2);
+    end_process(2);
   }
 }
 
@@ -97,7 +163,18 @@ std::string full_path(const std::string& name) {
 void connect(int channel, const std::string& name, const std::string& path) {
   Channel& c = g_channels[channel];
   FILE* fp = nullptr;
-  if (access(name.c_str(), F_OK) == 0) {
+  if (g_memory_files) {
+    // A harness's file from memory; a name it does not list is empty.
+    const char* data = "";
+    size_t size = 0;
+    for (int k = 0; k < g_num_memory_files; ++k) {
+      if (name == g_memory_files[k].name) {
+        data = g_memory_files[k].data;
+        size = g_memory_files[k].size;
+      }
+    }
+    fp = memory_stream(data, size);
+  } else if (access(name.c_str(), F_OK) == 0) {
     fp = std::fopen(name.c_str(), "r+");
     if (!fp) fp = std::fopen(name.c_str(), "r");
   } else {
@@ -122,7 +199,7 @@ void connect_default(int channel) {
 void close_channel(int channel) {
   Channel& c = g_channels[channel];
   if (channel == CH_CONSOLE) {
-    if (std::fflush(stdout) != 0 && !g_failing)
+    if (std::fflush(console_out()) != 0 && !g_failing)
       channel_failure("error during write", channel);
     return;
   }
@@ -180,7 +257,7 @@ bool fetch_line(int channel, const char** text, size_t* length) {
 void emit(int channel, const char* data, size_t length) {
   check_channel(channel);
   Channel& c = g_channels[channel];
-  FILE* fp = stdout;
+  FILE* fp = console_out();
   if (channel != CH_CONSOLE) {
     if (!c.file) connect_default(channel);
     fp = c.file;
@@ -707,13 +784,39 @@ int tio_read(int channel, int kind, std::initializer_list<ReadItem> items) {
           slash = true;  // the remaining items keep their values
         } else if (tok == TOK_VALUE) {
           bool good;
-          if (item.type == 'i') good = parse_int(text, len, static_cast<int*>(item.target) + k);
-          else good = parse_real(text, len, static_cast<double*>(item.target) + k);
+          if (item.type == 'i') {
+            good = parse_int(text, len, static_cast<int*>(item.target) + k);
+          } else if (item.type == 'r') {
+            good = parse_real(text, len, static_cast<double*>(item.target) + k);
+          } else if (item.type == 'I') {
+            std::vector<int>* v = static_cast<std::vector<int>*>(item.target);
+            if (v->size() <= static_cast<size_t>(k)) v->resize(static_cast<size_t>(k) + 1);
+            good = parse_int(text, len, v->data() + k);
+          } else {
+            std::vector<double>* v = static_cast<std::vector<double>*>(item.target);
+            if (v->size() <= static_cast<size_t>(k)) v->resize(static_cast<size_t>(k) + 1);
+            good = parse_real(text, len, v->data() + k);
+          }
           if (!good) status = READ_BAD;
         }
         // TOK_NULL leaves the target as it is.
       }
       if (status != READ_OK || slash) break;
+    }
+  }
+  // A growing item the statement completed holds all its values: those left
+  // unchanged are the zeros a fixed array would have started with.
+  if (status == READ_OK) {
+    for (const ReadItem& item : items) {
+      if (item.count <= 0) continue;
+      const size_t n = static_cast<size_t>(item.count);
+      if (item.type == 'I') {
+        std::vector<int>* v = static_cast<std::vector<int>*>(item.target);
+        if (v->size() < n) v->resize(n);
+      } else if (item.type == 'R') {
+        std::vector<double>* v = static_cast<std::vector<double>*>(item.target);
+        if (v->size() < n) v->resize(n);
+      }
     }
   }
   // The rest of the current line is never looked at again: the next
@@ -813,13 +916,31 @@ void tio_stop(const char* text) {
   g_out += '\n';
   emit(CH_CONSOLE, g_out.data(), g_out.size());
   tio_close_all();
-  std::exit(0);
+  end_process(0);
 }
 
 void fatal(int first, int second, const char* form, std::initializer_list<WriteValue> values) {
   message(first, second, form, values);
   tio_stop("FATAL error");
 }
+
+// ---- in-process use --------------------------------------------------
+
+void tio_use_memory_files(const TioMemoryFile* files, int count, bool keep_console) {
+  g_failing = true;  // nothing of a previous input is written back
+  tio_close_all();
+  g_failing = false;
+  for (int c = 0; c <= kMaxChannel; ++c) g_channels[c].line_open = false;
+  g_memory_files = files;
+  g_num_memory_files = files ? count : 0;
+  if (files && !keep_console && !g_sink) g_sink = memory_stream("", 0);
+  if ((!files || keep_console) && g_sink) {
+    std::fclose(g_sink);
+    g_sink = nullptr;
+  }
+}
+
+void tio_set_stop_hook(void (*hook)(int status)) { g_stop_hook = hook; }
 
 void tio_pause() {
   std::fflush(stdout);

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <vector>
 
 // Fixed channel numbers of the run.
 enum {
@@ -50,12 +51,20 @@ enum { READ_OK = 0, READ_EOF = -1, READ_BAD = 1 };
 
 // One item (or array of items) of a read list.
 struct ReadItem {
-  char type;     // 'i' 32-bit integer, 'r' 64-bit real
-  void* target;  // int* or double*
+  char type;     // 'i' 32-bit integer, 'r' 64-bit real; 'I', 'R' the same
+                 // into a growing vector
+  void* target;  // int* or double*; std::vector<int>* or std::vector<double>*
   int count;     // number of consecutive values the item takes
 };
 inline ReadItem rd_int(int* p, int n = 1) { return ReadItem{'i', p, n}; }
 inline ReadItem rd_real(double* p, int n = 1) { return ReadItem{'r', p, n}; }
+// Items whose `n` values go into a vector that grows as the values come in,
+// so that a count larger than the file holds costs only what was read. Value
+// k lands in (*v)[k]; an item left unchanged (null, or after '/') keeps what
+// the vector held there, 0 where it was shorter. After a good read the
+// vector holds at least n entries.
+inline ReadItem rd_int_grow(std::vector<int>* v, int n) { return ReadItem{'I', v, n}; }
+inline ReadItem rd_real_grow(std::vector<double>* v, int n) { return ReadItem{'R', v, n}; }
 
 // One list-directed read statement on `channel`: starts at the next unread
 // line, fills the items in turn (blanks, tabs, commas, line ends separate;
@@ -127,6 +136,31 @@ int tio_render(const char* descriptor, WriteValue value, char* out, int out_size
 // then the stop with "FATAL error".
 [[noreturn]] void fatal(int first, int second, const char* form,
                         std::initializer_list<WriteValue> values = {});
+
+// ---- in-process use --------------------------------------------------
+// A harness that runs the readers inside its own process (the fuzz targets)
+// gives the files from memory and takes the stops back. The program itself
+// never calls these.
+
+// One file held in memory, under the name the program opens it by.
+struct TioMemoryFile {
+  const char* name;   // file name as given to tio_open
+  const char* data;   // contents, kept alive by the caller while in use
+  std::size_t size;   // bytes
+};
+
+// Closes every channel and resets the layer; from then on every open looks
+// its name up in `files` (`count` entries): a listed name reads the given
+// bytes, any other name is an empty file. Whatever is written to any
+// channel is dropped, and so is the console and standard error output
+// unless `keep_console`. files == nullptr returns to real files.
+void tio_use_memory_files(const TioMemoryFile* files, int count, bool keep_console);
+
+// When set, every stop (the normal one, a fatal stop and the layer's own
+// failures) calls `hook` with the exit status the process would have had,
+// after the same messages and closes, instead of ending the process. The
+// hook must not return: it throws or jumps. nullptr restores the exit.
+void tio_set_stop_hook(void (*hook)(int status));
 
 // Reads one line from standard input and throws it away; end of input is
 // taken as an answer. Used where the run pauses for the user.
