@@ -108,7 +108,7 @@ void reading_road(void* arg) {
   for (;;) {
     int head = read_block_head();
     if (head == 0) return;
-    allocate_measurements(head, &ms);
+    begin_measurement_block(head, &ms);
     read_measurements(s.ctx, s.mesh, s.table, &ms);
     if (s.ctx.job_type == 0) return;
   }

@@ -111,7 +111,7 @@ void choose_wavenumbers(RunState* s, const MeasurementSet& ms,
   int head = read_block_head();
   if (head == 0) end_of_data();
   MeasurementSet ms;
-  allocate_measurements(head, &ms);
+  begin_measurement_block(head, &ms);
   read_measurements(ctx, s->mesh, s->table, &ms);
   write_memory_estimate(memory_estimate_bytes(
       s->mesh.num_nodes, s->mesh.num_elements, s->cm.num_entries, 0,
@@ -189,7 +189,7 @@ void open_dataset_files(const RunContext& ctx, const char* stem) {
             {wv_int(dataset_number)});
     int head = read_block_head();
     if (head == 0) end_of_data();
-    allocate_measurements(head, &ms);
+    begin_measurement_block(head, &ms);
     read_measurements(ctx, s->mesh, s->table, &ms);
     if (dataset_number == 1)
       write_memory_estimate(memory_estimate_bytes(
