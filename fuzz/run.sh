@@ -2,8 +2,8 @@
 # Runs every fuzz target of the readers.
 #   run.sh long BUILD SECONDS   fuzzes each target for SECONDS on its corpus
 #                               in fuzz/corpus/<target>/, keeps what is new and
-#                               minimises the corpus again (-merge=1), keeping
-#                               the regression-* inputs as they are
+#                               minimises the corpus again (-merge=1 on edge
+#                               coverage), keeping the regression-* inputs
 #   run.sh short BUILD SECONDS  fuzzes each target for SECONDS on a scratch copy
 #                               of its corpus (the tree stays clean); fails on
 #                               the first crash, leak, timeout or memory excess
@@ -17,8 +17,9 @@ targets=(textio control mesh start_model protocol)
 artifacts="$top/scratch/fuzz-artifacts"
 mkdir -p "$artifacts"
 # The memory limit of the process and the time one input may take; inputs
-# longer than the largest seed teach the fuzzer nothing about the readers.
-flags=(-rss_limit_mb=2048 -timeout=20 -max_len=20000 -print_final_stats=1)
+# longer than the largest seed (fuzz/seeds.py) teach the fuzzer nothing new
+# about the readers and only slow it down.
+flags=(-rss_limit_mb=2048 -timeout=20 -max_len=4096 -print_final_stats=1)
 
 # The lines of a libFuzzer log worth showing: start, end, totals, reports.
 summary() {
@@ -47,15 +48,16 @@ for t in "${targets[@]}"; do
     "$build/${t}_fuzz" "${flags[@]}" -max_total_time="$seconds" \
       -artifact_prefix="$artifacts/$t-" "$corpus" > "$artifacts/$t.log" 2>&1 || status=$?
     summary "$artifacts/$t.log"
-    # Minimise: the inputs that keep the coverage, and every regression input.
+    # Minimise: the inputs that keep the edges covered (hit counts left out,
+    # which keeps the committed corpus small), and every regression input.
     merged="$top/scratch/fuzz-merge/$t"
     rm -rf "$merged"
     mkdir -p "$merged"
-    "$build/${t}_fuzz" "${flags[@]}" -merge=1 "$merged" "$corpus" > "$artifacts/$t-merge.log" 2>&1
+    "$build/${t}_fuzz" "${flags[@]}" -merge=1 -use_counters=0 "$merged" "$corpus" > "$artifacts/$t-merge.log" 2>&1
     cp "$corpus"/regression-* "$merged"/ 2>/dev/null || true
     rm -rf "$corpus"
     mv "$merged" "$corpus"
-    echo "   corpus: $(ls "$corpus" | wc -l) inputs, $(du -sk "$corpus" | cut -f1) KB"
+    echo "   corpus: $(ls "$corpus" | wc -l) inputs, $(cat "$corpus"/* | wc -c) bytes"
     if [ "$status" -ne 0 ]; then
       echo "fuzz target $t failed (status $status); the input is in $artifacts" >&2
       exit 1

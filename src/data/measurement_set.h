@@ -19,11 +19,19 @@ struct MeasurementSet {
   std::vector<double> data_weight;   // capacity, 1/ohm or dimensionless (log data)
 };
 
-// Sizes every array of ms for `capacity` lines.
+// Starts a block of `capacity` lines as read from its head: stops the run
+// when that many would not fit in memory, and empties the arrays, which
+// read_measurements grows line by line to `capacity` entries.
+void begin_measurement_block(int capacity, MeasurementSet* ms);
+
+// The same, with every array sized for `capacity` lines at once, for
+// callers that fill them without read_measurements.
 void allocate_measurements(int capacity, MeasurementSet* ms);
 
 // Reads one block of `ms->measurement_capacity` lines from channel 13, checks
-// them, writes warnings and the summary, and sets num_measurements.
+// them, writes warnings and the summary, and sets num_measurements. The
+// arrays grow as lines are read where they are shorter; all hold
+// `capacity` entries at the end.
 void read_measurements(const RunContext& ctx, const MeshModel& mesh,
                        const ElectrodeTable& table, MeasurementSet* ms);
 

@@ -10,9 +10,6 @@
 #include "run/run_context.h"
 #include "textio/textio.h"
 
-// The arrays start empty and grow by one slot as each line is read (see
-// read_measurements): a head larger than the block costs no memory beyond
-// the lines the file holds. The guard still judges the head as read.
 namespace {
 
 // Resizes every array of ms to `slots` readings; new slots hold zeros.
@@ -29,13 +26,21 @@ void size_arrays(size_t slots, MeasurementSet* ms) {
 
 }  // namespace
 
-void allocate_measurements(int capacity, MeasurementSet* ms) {
+// The arrays start empty and read_measurements grows them by one slot as
+// each line is read: a head larger than the block costs no memory beyond
+// the lines the file holds. The guard still judges the head as read.
+void begin_measurement_block(int capacity, MeasurementSet* ms) {
   size_t n = capacity > 0 ? (size_t)capacity : 0;
   // Nine arrays here and a few more per reading in the caller.
   require_memory(160.0 * (double)n, "the measurements of this block");
   ms->measurement_capacity = capacity;
   ms->num_measurements = capacity;
   size_arrays(0, ms);
+}
+
+void allocate_measurements(int capacity, MeasurementSet* ms) {
+  begin_measurement_block(capacity, ms);
+  size_arrays(capacity > 0 ? (size_t)capacity : 0, ms);
 }
 
 int find_electrode(const ElectrodeTable& table, int id) {

@@ -115,9 +115,9 @@ int listed_blocks(RunContext* ctx, MeshModel* mesh) {
           "' FATAL: defining patching of parameters - incorrect patching in y "
           "direction'");
 
+  require_parameter_memory(static_cast<double>(npx) * npy);
   // The checks above keep the last covered cell column at
   // npxstart + sum_x - 1 <= num_x - 1, the last cell of the grid.
-  require_parameter_memory(static_cast<double>(npx) * npy);
   int cells_y = ctx->num_y - 1;
   for (int e = 0; e < mesh->num_elements; ++e) mesh->element_parameter[e] = 0;
   int first_i = npxstart - 1;

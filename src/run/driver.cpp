@@ -194,7 +194,7 @@ int read_block_head() {
 }
 
 void read_block(const RunState& s, int head, MeasurementSet* ms) {
-  allocate_measurements(head, ms);
+  begin_measurement_block(head, ms);
   read_measurements(s.ctx, s.mesh, s.table, ms);
 }
 
