@@ -5,7 +5,6 @@
 
 #include "mesh/mesh_model.h"
 #include "run/run_context.h"
-#include "support/scratch_test.h"
 #include "support/support.h"
 #include "textio/textio.h"
 

@@ -1,7 +1,5 @@
 // The in-process fixture: scratch working directories, channels closed after
 // each test, and the guard that fails a test program whose test stops.
-#include "support/scratch_test.h"
-
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -3,6 +3,9 @@
 // the grid, triangle and survey builders.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -130,3 +133,18 @@ std::vector<ModelRow> model_rows(const std::string& path);
 double value_at(const std::vector<ModelRow>& rows, double x, double y);
 // Final RMS of the last "Final RMS Misfit:" line, and the "Iteration" lines.
 double final_rms(const Lines& lines, int* iterations = nullptr);
+
+// The fixture of the in-process tests (library q5_test_fixture, over the text
+// layer): each test in a working directory of its own, the channels closed
+// after it, and a stop (status 0) that the test did not expect fails it.
+class ScratchTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+  std::string dir_, saved_;
+};
+
+// Runs `body` in a child with the console sent to console.txt and returns
+// what the child wrote there. The child must end with status 0 (a stop) when
+// `stop`, with a non-zero status (a failure of the text layer) otherwise.
+std::string console_of_child(bool stop, const std::function<void()>& body);

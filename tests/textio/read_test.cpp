@@ -2,7 +2,6 @@
 // words are checked end to end (tests/e2e, the run spine's table).
 #include <climits>
 
-#include "support/scratch_test.h"
 #include "support/support.h"
 #include "textio/textio.h"
 

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <vector>
 
-#include "support/scratch_test.h"
 #include "support/support.h"
 #include "textio/textio.h"
 
