@@ -112,16 +112,16 @@ std::string transcript(const RunResult& run, const Lines& whole) {
 
 std::string file_sections(const std::string& dir, const Lines& names) {
   std::string out;
-  for (const std::string& spec : names) {
-    const size_t colon = spec.find(':');
-    std::string text = read_file(dir + "/" + spec.substr(0, colon));
+  for (const std::string& wanted : names) {
+    const size_t colon = wanted.find(':');
+    std::string text = read_file(dir + "/" + wanted.substr(0, colon));
     if (colon != std::string::npos) {
       size_t end = 0;
-      for (int n = std::stoi(spec.substr(colon + 1)); n > 0 && end < text.size(); --n)
+      for (int n = std::stoi(wanted.substr(colon + 1)); n > 0 && end < text.size(); --n)
         end = std::min(text.find('\n', end), text.size() - 1) + 1;
       text.resize(end);
     }
-    section(&out, spec, mask(text, dir));
+    section(&out, wanted, mask(text, dir));
   }
   return out;
 }
