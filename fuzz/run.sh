@@ -23,7 +23,7 @@ flags=(-rss_limit_mb=2048 -timeout=20 -max_len=4096 -print_final_stats=1)
 
 # The lines of a libFuzzer log worth showing: start, end, totals, reports.
 summary() {
-  grep -E '^(#[0-9]+ +(INITED|DONE)|stat::number_of_executed_units|==[0-9]+==|SUMMARY|artifact_prefix|Test unit written)' "$1" || true
+  grep -E '^(#[0-9]+[[:space:]]+(INITED|DONE)|stat::number_of_executed_units|==[0-9]+==|SUMMARY|artifact_prefix|Test unit written)' "$1" || true
 }
 
 for t in "${targets[@]}"; do
