@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "data/measurement_set.h"
-#include "forward/builders.h"
+#include "support/mesh_builders.h"
 #include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
 #include "textio/textio.h"
@@ -49,7 +49,7 @@ using builders::Survey;
 // Dense N by N matrix (row-major) of sum over elements of f(e) times the element matrix at k; with `pinned`
 // the pinned diagonals times 1e10.
 template <class F>
-Vec dense_matrix(const Survey& s, double k, F f, bool pinned) {
+Vec dense_matrix(const builders::Survey& s, double k, F f, bool pinned) {
   const int n = s.mesh.num_nodes;
   Vec a(static_cast<std::size_t>(n) * n, 0.0);
   double ae[25];
@@ -65,7 +65,7 @@ Vec dense_matrix(const Survey& s, double k, F f, bool pinned) {
 
 // Potential of the unit source at node `source` from the dense system: the total field, or the secondary
 // field of -(A(s) - A(sigma_0)) v_p plus the primary v_p.
-Vec dense_potential(const Survey& s, double k, int source, double sigma_0, const Vec* vp) {
+Vec dense_potential(const builders::Survey& s, double k, int source, double sigma_0, const Vec* vp) {
   const int n = s.mesh.num_nodes;
   const Vec a = dense_matrix(s, k, [&](int e) { return std::exp(s.lc[e]); }, true);
   const Vec d = dense_matrix(s, k, [&](int e) { return std::exp(s.lc[e]) - sigma_0; }, false);
@@ -108,7 +108,7 @@ void expect_literal_pattern(const MeshModel& mesh, int p) {
 
 TEST(MatrixPattern, LiteralScanAndTheLimitOfAHundredHigherNeighbours) {
   for (int p : {3, 4}) {
-    Survey s;
+    builders::Survey s;
     builders::make_survey(&s, p, 5u);
     expect_literal_pattern(s.mesh, p);
   }
@@ -329,7 +329,7 @@ TEST(ForwardLoop, TransferResistancesMatchTheDenseSuperposition) {
   tio_open(CH_LOG, (scratch + "Q5.out").c_str());
   const double ks[2] = {0.3, 1.1}, ws[2] = {0.7, 0.2};
   for (int p = 3; p <= 4; ++p) {
-    Survey s;
+    builders::Survey s;
     builders::make_survey(&s, p, 40 + p);
     s.mesh.pin_flags[s.mesh.num_nodes / 2] = 1;  // a second pinned node
     const MeasurementSet& ms = s.ms;

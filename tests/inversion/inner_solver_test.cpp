@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "forward/builders.h"
+#include "support/mesh_builders.h"
 #include "inversion/inversion.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <vector>
 
-#include "forward/builders.h"
+#include "support/mesh_builders.h"
 #include "inversion/inversion.h"
 #include "run/run_context.h"
 

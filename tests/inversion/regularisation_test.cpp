@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "forward/builders.h"
+#include "support/mesh_builders.h"
 #include "inversion/inversion.h"
 #include "mesh/mesh_model.h"
 #include "run/run_context.h"

@@ -14,33 +14,21 @@
 #include "data/measurement_set.h"
 #include "forward/forward.h"
 #include "mesh/mesh_model.h"
+#include "support/support.h"
 
 namespace builders {
 
-// Grid of four-node cells: node (i, j) is i * ny + j + 1 at (xs[i], ys[j]),
-// cell (I, J) is I * (ny - 1) + J + 1 with corners (i, j), (i + 1, j),
-// (i + 1, j + 1), (i, j + 1), anticlockwise in (x, y). param: one per cell.
+// Grid of four-node cells numbered as grid_mesh numbers them, with the
+// parameter of each cell from `param` (one per cell, or none).
 inline MeshModel grid(const std::vector<double>& xs, const std::vector<double>& ys,
                       const std::vector<int>& param) {
-  const int nx = static_cast<int>(xs.size()), ny = static_cast<int>(ys.size());
-  MeshModel m{nx * ny, (nx - 1) * (ny - 1), {}, {}, {}, param, std::vector<int>(nx * ny, 0)};
-  for (int i = 0; i < nx; ++i)
-    for (int j = 0; j < ny; ++j) m.node_x.push_back(xs[i]), m.node_y.push_back(ys[j]);
-  for (int i = 0; i + 1 < nx; ++i)
-    for (int j = 0; j + 1 < ny; ++j) {
-      const int a = i * ny + j + 1;
-      m.element_nodes.insert(m.element_nodes.end(), {a, a + ny, a + ny + 1, a + 1});
-    }
-  m.element_nodes.push_back(1);
+  MeshModel m = grid_mesh(xs, ys, 4);
+  m.element_parameter = param;
   return m;
 }
 
 // Equally spaced positions 0, h, 2h, ... (n of them).
-inline std::vector<double> spaced(int n, double h) {
-  std::vector<double> v(n);
-  for (int i = 0; i < n; ++i) v[i] = i * h;
-  return v;
-}
+inline std::vector<double> spaced(int n, double h) { return uniform_axis(0.0, (n - 1) * h, h); }
 
 // Every cell of a grid cut into two triangles along the diagonal from its
 // first corner, or along a random one when rng is given; both keep the
