@@ -15,6 +15,7 @@
 #include "inversion/inversion.h"
 #include "mesh/mesh_model.h"
 #include "run/run_context.h"
+#include "run/threads.h"
 #include "textio/textio.h"
 
 namespace {
@@ -88,15 +89,17 @@ void run_inverse_bench() {
   static MeshModel mesh;
   static ElectrodeTable table;
   static MatrixPattern pattern;
-  static ForwardWork work;
+  static ForwardTeam team;
   static MeasurementSet ms;
   int nx = 0, ny = 0;
   large_grid(&mesh, &table, &nx, &ny);
   readings(&ms);
   tio_open(CH_LOG, "Q5.out");
-  build_matrix_pattern(mesh, 4, &pattern, &work);
+  team.work.resize(1);
+  build_matrix_pattern(mesh, 4, &pattern, &team.work[0]);
   choose_pinned_node(4, table, &mesh);
-  allocate_forward_vectors(mesh.num_nodes, table.num_electrodes, &work);
+  allocate_forward_vectors(mesh.num_nodes, table.num_electrodes, &team.work[0]);
+  allocate_forward_team(thread_count(), mesh, &team);
   const ForwardMesh fm{&mesh, 4, &pattern, &table};
   const int n = ms.num_measurements, P = mesh.num_elements;
   std::vector<double> lc(P, -std::log(100.0)), v(P, -std::log(100.0));
@@ -105,11 +108,11 @@ void run_inverse_bench() {
   const Quadrature q{nullptr, nullptr, 1, 2.0, false, 0.0};
 
   double t0 = bench_seconds();
-  forward_solve(fm, ms, lc.data(), q, &work, c.data());
+  forward_solve(fm, ms, lc.data(), q, &team, c.data());
   const double t_forward = bench_seconds() - t0;
   t0 = bench_seconds();
   compute_jacobian(fm, ms, ParameterModel{lc.data(), v.data(), P}, q, false,
-                   &work, J.data(), c.data());
+                   &team, J.data(), c.data());
   const double t_jacobian = bench_seconds() - t0;
   const double t_accumulate = t_jacobian - t_forward;
   const double updates = (double)P * 16.0 * n;

@@ -45,6 +45,26 @@ struct Quadrature {
   double sigma_0;             // S/m, primary half-space; forward_solve and compute_jacobian set it from the model
 };
 
+// Wall-clock seconds of the solver's stages, one record per wavenumber (a
+// record starts at each reordering), kept only while `enabled` is set and
+// only for a work that points to it. For the benchmark; the run itself
+// never keeps one.
+struct SolverStageRecord {
+  double assembly;       // element matrices and assembly
+  double reordering;     // phase 11
+  double factorisation;  // phase 22
+  double right_hand_side;  // building right-hand sides
+  double solve;          // phase 33, all electrodes
+  double release;        // phase -1
+  int solves;            // phase 33 calls
+};
+enum { MAX_STAGE_RECORDS = 256 };
+struct SolverStageLog {
+  bool enabled;
+  int count;             // records in use
+  SolverStageRecord records[MAX_STAGE_RECORDS];
+};
+
 // What the solution of one wavenumber writes: its matrix, the solver's
 // state, the element matrices it is assembled from, the right-hand side and
 // the potentials of every source. Sized by build_matrix_pattern and
@@ -61,6 +81,18 @@ struct ForwardWork {
   std::vector<double> potentials;         // N * L, V/A, column c (contiguous) for the unit source at electrode c
   double k;                               // 1/m, wavenumber of the potentials
   double w;                               // 1/m, its weight; 1 for two-dimensional flow
+  int failed_stage = 0;                   // SolverStage of the last failed solver call
+  SolverStageLog* stage_log = nullptr;    // null: no stage times kept
+};
+
+// The solver call that failed, for its words in the report.
+enum SolverStage { STAGE_REORDERING = 1, STAGE_FACTORISATION, STAGE_SOLVE, STAGE_RELEASE };
+
+// The works of the threads a solution runs on, one whole ForwardWork each,
+// so that wavenumbers are solved side by side; work[0] serves the calling
+// thread. One work is the single-threaded program.
+struct ForwardTeam {
+  std::vector<ForwardWork> work;  // T, at most thread_count()
 };
 
 // ---- matrix pattern ------------------------------------------------------
@@ -77,6 +109,12 @@ void build_matrix_pattern(const MeshModel& mesh, int nodes_per_element,
 // and primary potential (N), potentials (N * L).
 void allocate_forward_vectors(int num_nodes, int num_electrodes,
                               ForwardWork* work);
+
+// Makes team->work num_threads works, each sized as work[0], which
+// build_matrix_pattern and allocate_forward_vectors have sized. With more
+// than one thread the memory guard first weighs all of them.
+void allocate_forward_team(int num_threads, const MeshModel& mesh,
+                           ForwardTeam* team);
 
 // ---- element equations ---------------------------------------------------
 
@@ -116,25 +154,6 @@ double reference_conductivity(const MeshModel& mesh, int nodes_per_element,
 
 // ---- solver adapter and forward loop -------------------------------------
 
-// Wall-clock seconds of the solver's stages, one record per wavenumber (a
-// record starts at each reordering), kept only while `enabled` is set. For
-// the benchmark; the run itself never enables it.
-struct SolverStageRecord {
-  double assembly;       // element matrices and assembly
-  double reordering;     // phase 11
-  double factorisation;  // phase 22
-  double right_hand_side;  // building right-hand sides
-  double solve;          // phase 33, all electrodes
-  double release;        // phase -1
-  int solves;            // phase 33 calls
-};
-enum { MAX_STAGE_RECORDS = 256 };
-struct SolverStageLog {
-  bool enabled;
-  int count;             // records in use
-  SolverStageRecord records[MAX_STAGE_RECORDS];
-};
-extern SolverStageLog solver_stage_log;
 
 // Term j (0-based) of the wavenumber sum: sets work->k and work->w to the
 // term's wavenumber and weight (k = 0, w = 1 for two-dimensional flow),
@@ -143,15 +162,25 @@ extern SolverStageLog solver_stage_log;
 // electrode), then adds each measurement's share to transfer_resistance
 // (num_measurements, ohm). Reads q.sigma_0 with singularity removal.
 // Returns 0, or the PARDISO error code that stopped it (nothing is added
-// then).
+// then; work->failed_stage names the call, and nothing is reported: see
+// report_solver_failure).
 int forward_term(const ForwardMesh& fm, const MeasurementSet& ms,
                  const double* log_conductivity, const Quadrature& q, int j,
                  ForwardWork* work, double* transfer_resistance);
 
+// Writes the words of a failed solver call: the stage record and the code
+// on the log (reordering, factorisation and solve), then the PARDISO report
+// on both streams.
+void report_solver_failure(int stage, int error);
+
 // Transfer resistance of every measurement for the model log_conductivity
-// (E, ln S/m), summed over the terms of q.
+// (E, ln S/m), summed over the terms of q. The terms are shared out among
+// the threads of the team and added in wavenumber order, so each sum is
+// the same double on any number of threads.
 //   transfer_resistance  out: num_measurements doubles, ohm
-// Returns 0, or the PARDISO error code that stopped it.
+// Returns 0, or the PARDISO error code of the first term, in wavenumber
+// order, that failed (reported here; the sums then hold the terms before
+// it only).
 int forward_solve(const ForwardMesh& fm, const MeasurementSet& ms,
                   const double* log_conductivity, const Quadrature& q,
-                  ForwardWork* work, double* transfer_resistance);
+                  ForwardTeam* team, double* transfer_resistance);

@@ -1,11 +1,15 @@
 // Forward loop: one conductivity model to one transfer resistance per
 // measurement, summing the two-dimensional solutions of every wavenumber
 // along strike with their quadrature weights.
+#include <atomic>
 #include <cstddef>
+#include <vector>
 
 #include "data/measurement_set.h"
 #include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
+#include "run/memory_guard.h"
+#include "run/threads.h"
 
 namespace {
 
@@ -83,13 +87,75 @@ int forward_term(const ForwardMesh& fm, const MeasurementSet& ms,
   return 0;
 }
 
+void allocate_forward_team(int num_threads, const MeshModel& mesh,
+                           ForwardTeam* team) {
+  if (num_threads > 1) {
+    // Every thread holds a whole work: matrix, permutation, element store,
+    // right-hand side, primary potential and the potentials of all sources.
+    const ForwardWork& one = team->work[0];
+    const double bytes =
+        8.0 * one.matrix_values.size() + 4.0 * mesh.num_nodes +
+        8.0 * one.element_matrices.size() + 16.0 * mesh.num_nodes +
+        8.0 * one.potentials.size();
+    require_memory(bytes * num_threads, "the arrays of this run");
+  }
+  team->work.resize(static_cast<std::size_t>(num_threads), team->work[0]);
+}
+
+namespace {
+
+// What the threads of one forward_solve share: each term's share of every
+// measurement, and each term's failure, for the sums and the report in
+// wavenumber order once all threads are back.
+struct ForwardRound {
+  const ForwardMesh* fm;
+  const MeasurementSet* ms;
+  const double* log_conductivity;  // E, ln S/m
+  const Quadrature* q;             // sigma_0 set
+  ForwardTeam* team;
+  int num_threads;                 // T, at most W
+  double* shares;                  // W * n, ohm: w times the bracket of term j at j * n
+  int* errors;                     // W: PARDISO code of term j, 0 when done or not run
+  int* stages;                     // W: failed stage of term j
+  std::atomic<int> first_failed;   // lowest failed term so far, W for none
+};
+
+// Thread t takes the terms t, t + T, ...: the same terms on every run, so
+// that a solver failing on a chosen call fails on the same term each time.
+// A term beyond a failed one is not started: its sum would not be used.
+void solve_terms(int t, void* arg) {
+  ForwardRound* r = static_cast<ForwardRound*>(arg);
+  const int n = r->ms->num_measurements;
+  ForwardWork* work = &r->team->work[static_cast<std::size_t>(t)];
+  for (int j = t; j < r->q->num_wavenumbers; j += r->num_threads) {
+    if (j > r->first_failed.load()) return;
+    double* share = r->shares + static_cast<std::size_t>(j) * n;
+    for (int i = 0; i < n; ++i) share[i] = 0.0;
+    const int error = forward_term(*r->fm, *r->ms, r->log_conductivity, *r->q,
+                                   j, work, share);
+    if (error != 0) {
+      r->errors[j] = error;
+      r->stages[j] = work->failed_stage;
+      int seen = r->first_failed.load();
+      while (j < seen && !r->first_failed.compare_exchange_weak(seen, j)) {
+      }
+      return;
+    }
+  }
+}
+
+}  // namespace
+
 // Inputs: fm, ms, log_conductivity (E), q (its sigma_0 is set here from the
-// model). Work: as forward_term.
+// model). Work: team (one ForwardWork per thread); the shares of the terms
+// (W * n).
 // Output: transfer_resistance (ms.num_measurements, ohm).
 int forward_solve(const ForwardMesh& fm, const MeasurementSet& ms,
                   const double* log_conductivity, const Quadrature& q,
-                  ForwardWork* work, double* transfer_resistance) {
-  for (int i = 0; i < ms.num_measurements; ++i) transfer_resistance[i] = 0.0;
+                  ForwardTeam* team, double* transfer_resistance) {
+  const int n = ms.num_measurements;
+  const int W = q.num_wavenumbers;
+  for (int i = 0; i < n; ++i) transfer_resistance[i] = 0.0;
 
   // sigma_0 depends on the model alone.
   Quadrature terms = q;
@@ -98,11 +164,24 @@ int forward_solve(const ForwardMesh& fm, const MeasurementSet& ms,
     terms.sigma_0 = reference_conductivity(*fm.mesh, fm.nodes_per_element,
                                            log_conductivity);
   }
-  for (int j = 0; j < q.num_wavenumbers; ++j) {
-    const int error =
-        forward_term(fm, ms, log_conductivity, terms, j, work,
-                     transfer_resistance);
-    if (error != 0) return error;
+  std::vector<double> shares(static_cast<std::size_t>(W) * n);
+  std::vector<int> errors(static_cast<std::size_t>(W), 0);
+  std::vector<int> stages(static_cast<std::size_t>(W), 0);
+  const int T = static_cast<int>(team->work.size());
+  ForwardRound round{&fm, &ms, log_conductivity, &terms, team,
+                     T < W ? T : W, shares.data(), errors.data(),
+                     stages.data(), {W}};
+  run_on_threads(round.num_threads, solve_terms, &round);
+
+  // The sum runs over the terms in order, each added whole, as one thread
+  // adds them while it goes; it ends at the first failed term.
+  int j = 0;
+  for (; j < W && errors[static_cast<std::size_t>(j)] == 0; ++j) {
+    const double* share = shares.data() + static_cast<std::size_t>(j) * n;
+    for (int i = 0; i < n; ++i) transfer_resistance[i] += share[i];
   }
-  return 0;
+  if (j == W) return 0;
+  report_solver_failure(stages[static_cast<std::size_t>(j)],
+                        errors[static_cast<std::size_t>(j)]);
+  return errors[static_cast<std::size_t>(j)];
 }

@@ -33,9 +33,9 @@ double stage_clock() {
 }
 
 // The record of the present wavenumber, or null when the log is off.
-SolverStageRecord* stage_record(bool new_wavenumber) {
-  SolverStageLog& log = solver_stage_log;
-  if (!log.enabled) return nullptr;
+SolverStageRecord* stage_record(SolverStageLog* kept, bool new_wavenumber) {
+  if (kept == nullptr || !kept->enabled) return nullptr;
+  SolverStageLog& log = *kept;
   if (new_wavenumber && log.count < MAX_STAGE_RECORDS) {
     log.records[log.count] = SolverStageRecord{0, 0, 0, 0, 0, 0, 0};
     ++log.count;
@@ -65,15 +65,6 @@ int call_pardiso(int phase, int n, const MatrixPattern& pattern,
           pattern.matrix_row_start.data(), pattern.matrix_columns.data(), perm,
           &num_rhs, work->solver_control, &message_level, b, x, &error);
   return error;
-}
-
-// The words of a failed reordering, factorisation or solve: the stage record
-// and the code on the log, then the report on both streams.
-void stage_failed(const char* stage_form, int error) {
-  message(CH_LOG, 0, stage_form);
-  message(CH_LOG, 0, "1X, 'The following error was detected ', I10",
-          {wv_int(error)});
-  pardiso_report(error);
 }
 
 
@@ -121,20 +112,35 @@ int reorder_and_factorise(int n, const MatrixPattern& pattern,
                            &dummy_double);
   if (rec) rec->reordering += stage_clock() - t0;
   if (error != 0) {
-    stage_failed("1X, 'Reordering completed'", error);
+    work->failed_stage = STAGE_REORDERING;
     return error;
   }
   if (rec) t0 = stage_clock();
   error = call_pardiso(22, n, pattern, work, perm, &dummy_double,
                        &dummy_double);
   if (rec) rec->factorisation += stage_clock() - t0;
-  if (error != 0) stage_failed("1X, 'Factorisation completed'", error);
+  if (error != 0) work->failed_stage = STAGE_FACTORISATION;
   return error;
 }
 
 }  // namespace
 
-SolverStageLog solver_stage_log;
+// A failed reordering, factorisation or solve names its stage and code on the
+// log; a failed release has no stage record. Each stage record is written
+// only when that stage failed, whatever its words say.
+void report_solver_failure(int stage, int error) {
+  const char* stage_form = stage == STAGE_REORDERING ? "1X, 'Reordering completed'"
+                           : stage == STAGE_FACTORISATION
+                               ? "1X, 'Factorisation completed'"
+                           : stage == STAGE_SOLVE ? "1X, 'Solve completed'"
+                                                  : nullptr;
+  if (stage_form != nullptr) {
+    message(CH_LOG, 0, stage_form);
+    message(CH_LOG, 0, "1X, 'The following error was detected ', I10",
+            {wv_int(error)});
+  }
+  pardiso_report(error);
+}
 
 void pardiso_report(int error) {
   message(CH_LOG, CH_CONSOLE, "1X, 'Error in Pardiso call:  error flag = ', I10",
@@ -176,7 +182,8 @@ void pardiso_report(int error) {
 // built here, left as built); primary_potential (N, read with singularity
 // removal).
 // Output: column `electrode` of work->potentials (N, potential per unit
-// current). Returns 0 or PARDISO's error code.
+// current). Returns 0 or PARDISO's error code, with work->failed_stage set;
+// the caller reports it.
 int solve_wavenumber(const ForwardMesh& fm, const double* log_conductivity,
                      const Quadrature& q, double k, int electrode, bool reuse,
                      bool release, ForwardWork* work) {
@@ -192,7 +199,7 @@ int solve_wavenumber(const ForwardMesh& fm, const double* log_conductivity,
   int dummy_int = 0;
   double dummy_double = 0.0;
 
-  SolverStageRecord* rec = stage_record(!reuse);
+  SolverStageRecord* rec = stage_record(work->stage_log, !reuse);
   double t0 = rec ? stage_clock() : 0.0;
   if (!reuse) {
     assemble_matrix(fm, log_conductivity, k, work);
@@ -223,7 +230,7 @@ int solve_wavenumber(const ForwardMesh& fm, const double* log_conductivity,
     rec->solves += 1;
   }
   if (error != 0) {
-    stage_failed("1X, 'Solve completed'", error);
+    work->failed_stage = STAGE_SOLVE;
     return error;
   }
   timer("for1");
@@ -234,7 +241,7 @@ int solve_wavenumber(const ForwardMesh& fm, const double* log_conductivity,
                          &dummy_double);
     if (rec) rec->release += stage_clock() - t0;
     if (error != 0) {
-      pardiso_report(error);
+      work->failed_stage = STAGE_RELEASE;
       return error;
     }
   }

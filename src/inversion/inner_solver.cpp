@@ -6,6 +6,7 @@
 
 #include "inversion/inversion.h"
 #include "inversion/solver_kernels.h"
+#include "run/threads.h"
 #include "run/timers.h"
 
 namespace {
@@ -29,21 +30,31 @@ inline const double* column(const double* J, int n, int j) {
 constexpr int chunk = 8;
 constexpr int ahead = 64;
 
-// Fetches row i + ahead of each of the B columns; past the end of a column,
-// the same row of its counterpart in the block swept next, `next` doubles
-// away (0: none), so that short columns do not start each block cold.
+// Fetches row i + ahead of each of the B columns; past the last row swept
+// (end), the row as far into the rows first..end - 1 of its counterpart in
+// the block swept next, `next` doubles away (0: none), so that short
+// columns do not start each block cold.
 // Forced inline: as a call of its own the compiler finds it without effect
 // and drops it.
 template <int B>
 [[gnu::always_inline]] inline void fetch_ahead(const double* const* col,
-                                               int i, int n,
+                                               int i, int first, int end,
                                                std::ptrdiff_t next) {
   const int row = i + ahead;
-  if (row < n) {
+  if (row < end) {
     for (int b = 0; b < B; ++b) __builtin_prefetch(col[b] + row);
-  } else if (next != 0 && row - n < n) {
-    for (int b = 0; b < B; ++b) __builtin_prefetch(col[b] + next + (row - n));
+  } else if (next != 0 && row - end < end - first) {
+    for (int b = 0; b < B; ++b)
+      __builtin_prefetch(col[b] + next + first + (row - end));
   }
+}
+
+// Threads for a pass over J of n by P: the team, unless J is so small that
+// starting the threads costs more than the pass (about 64,000 entries, half
+// a megabyte). Either way the same doubles come out.
+int pass_threads(int n, int P) {
+  const double entries = static_cast<double>(n) * P;
+  return entries < 65536.0 ? 1 : thread_count();
 }
 
 // B adjacent columns starting at J(:, j0), one sum each, term(J(i,j), i)
@@ -59,7 +70,7 @@ void sum_columns(const double* J, int n, int j0, std::ptrdiff_t next,
   }
   int i = 0;
   for (; i + chunk <= n; i += chunk) {
-    fetch_ahead<B>(col, i, n, next);
+    fetch_ahead<B>(col, i, 0, n, next);
     for (int k = i; k < i + chunk; ++k) {
       for (int b = 0; b < B; ++b) s[b] = s[b] + term(col[b][k], k);
     }
@@ -70,26 +81,48 @@ void sum_columns(const double* J, int n, int j0, std::ptrdiff_t next,
   for (int b = 0; b < B; ++b) out[j0 + b] = s[b];
 }
 
-// Column sums of all of J, taken from the last column down: scaled_product
-// sweeps upward, so each pass starts on the columns the one before it left
-// in cache. Column sums are independent, so the order changes no result.
+// Column sums of columns j0..j1 - 1 of J, taken from the last column down:
+// scaled_product sweeps upward, so each pass starts on the columns the one
+// before it left in cache. Column sums are independent, so the order
+// changes no result.
 template <class Term>
-void column_sums(const double* J, int n, int P, Term term, double* out) {
-  const int whole = P - P % block;
+void column_range_sums(const double* J, int n, int j0, int j1, Term term,
+                       double* out) {
+  const int whole = j1 - (j1 - j0) % block;
   const std::ptrdiff_t next = -static_cast<std::ptrdiff_t>(block) * n;
-  for (int j = P - 1; j >= whole; --j) sum_columns<1>(J, n, j, 0, term, out);
-  for (int j = whole - block; j >= 0; j -= block) {
-    sum_columns<block>(J, n, j, j >= block ? next : 0, term, out);
+  for (int j = j1 - 1; j >= whole; --j) sum_columns<1>(J, n, j, 0, term, out);
+  for (int j = whole - block; j >= j0; j -= block) {
+    sum_columns<block>(J, n, j, j >= j0 + block ? next : 0, term, out);
   }
 }
 
-// t(i) += (J(i,k) * p_k) * D_k for the B columns k = k0.. in ascending k:
-// each t(i) gets its additions in column order whatever the sweep width.
-// t is restrict so that the compiler may vectorise over i without checking
-// it against every column.
+// Column sums of all of J, the columns shared out among the threads in whole
+// blocks: each sum is made by one thread, in its own order.
+template <class Term>
+void column_sums(const double* J, int n, int P, Term term, double* out) {
+  const int blocks = (P + block - 1) / block;
+  int T = pass_threads(n, P);
+  if (T > blocks) T = blocks;
+  auto part = [&](int t) {
+    int b0, b1;
+    thread_range(t, T, blocks, &b0, &b1);
+    column_range_sums(J, n, b0 * block, b1 * block < P ? b1 * block : P, term,
+                      out);
+  };
+  if (T <= 1)
+    column_range_sums(J, n, 0, P, term, out);
+  else
+    run_on_threads(T, part);
+}
+
+// t(i) += (J(i,k) * p_k) * D_k for the rows i = first..end - 1 and the B
+// columns k = k0.. in ascending k: each t(i) gets its additions in column
+// order whatever the sweep width. t is restrict so that the compiler may
+// vectorise over i without checking it against every column.
 template <int B>
-void add_columns(const double* J, int n, int k0, std::ptrdiff_t next,
-                 const double* p, const double* D, double* __restrict t) {
+void add_columns(const double* J, int n, int first, int end, int k0,
+                 std::ptrdiff_t next, const double* p, const double* D,
+                 double* __restrict t) {
   const double* col[B];
   double pk[B], Dk[B];
   for (int b = 0; b < B; ++b) {
@@ -97,16 +130,16 @@ void add_columns(const double* J, int n, int k0, std::ptrdiff_t next,
     pk[b] = p[k0 + b];
     Dk[b] = D[k0 + b];
   }
-  int i = 0;
-  for (; i + chunk <= n; i += chunk) {
-    fetch_ahead<B>(col, i, n, next);
+  int i = first;
+  for (; i + chunk <= end; i += chunk) {
+    fetch_ahead<B>(col, i, first, end, next);
     for (int k = i; k < i + chunk; ++k) {
       double s = t[k];
       for (int b = 0; b < B; ++b) s = s + (col[b][k] * pk[b]) * Dk[b];
       t[k] = s;
     }
   }
-  for (; i < n; ++i) {
+  for (; i < end; ++i) {
     double s = t[i];
     for (int b = 0; b < B; ++b) s = s + (col[b][i] * pk[b]) * Dk[b];
     t[i] = s;
@@ -151,15 +184,33 @@ void column_dots(const double* J, const double* x, int n, int P, double* out) {
   column_sums(J, n, P, [x](double v, int i) { return v * x[i]; }, out);
 }
 
+// The rows are shared out among the threads in whole chunks; each t(i) is
+// made by one thread, its additions in column order.
 void scaled_product(const double* J, const double* p, const double* D, int n,
                     int P, double* t) {
-  for (int i = 0; i < n; ++i) t[i] = 0.0;
   const int whole = P - P % block;
   const std::ptrdiff_t next = static_cast<std::ptrdiff_t>(block) * n;
-  for (int k = 0; k < whole; k += block) {
-    add_columns<block>(J, n, k, k + block < whole ? next : 0, p, D, t);
-  }
-  for (int k = whole; k < P; ++k) add_columns<1>(J, n, k, 0, p, D, t);
+  auto rows = [&](int first, int end) {
+    for (int i = first; i < end; ++i) t[i] = 0.0;
+    for (int k = 0; k < whole; k += block) {
+      add_columns<block>(J, n, first, end, k, k + block < whole ? next : 0, p,
+                         D, t);
+    }
+    for (int k = whole; k < P; ++k)
+      add_columns<1>(J, n, first, end, k, 0, p, D, t);
+  };
+  const int chunks = (n + chunk - 1) / chunk;
+  int T = pass_threads(n, P);
+  if (T > chunks) T = chunks;
+  auto part = [&](int thread) {
+    int c0, c1;
+    thread_range(thread, T, chunks, &c0, &c1);
+    rows(c0 * chunk, c1 * chunk < n ? c1 * chunk : n);
+  };
+  if (T <= 1)
+    rows(0, n);
+  else
+    run_on_threads(T, part);
 }
 
 double regularisation_row(const RegularisationMatrix& C, int j,

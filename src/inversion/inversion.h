@@ -108,15 +108,17 @@ struct ParameterModel {
 
 // Calculated data and the Jacobian of the model: all the solves of
 // forward_solve, with the adjoint sum of every element's contribution
-// accumulated per wavenumber.
+// accumulated per wavenumber. The team's threads solve a round of
+// wavenumbers side by side, then each adds the round to its own range of
+// columns.
 //   log_data             in: data_type 1, d(ln R)/d(ln rho); else dR/d(ln sigma)
 //   jacobian             out: n by P, column contiguous
 //   transfer_resistance  out: n, ohm
-// Returns 0, or the PARDISO code of the solve that failed (J and the data
-// are then incomplete).
+// Returns 0, or the PARDISO code of the first wavenumber, in order, whose
+// solve failed (reported here; J and the data are then incomplete).
 int compute_jacobian(const ForwardMesh& fm, const MeasurementSet& ms,
                      const ParameterModel& model, const Quadrature& q,
-                     bool log_data, ForwardWork* work, double* jacobian,
+                     bool log_data, ForwardTeam* team, double* jacobian,
                      double* transfer_resistance);
 
 // ---- the inverse job -----------------------------------------------------
@@ -129,7 +131,7 @@ struct InverseRun {
   const ParameterMap* map;        // start_parameters: m0, P entries
   const OutputMask* mask;
   const RegularisationMatrix* C;  // unused by a qualitative run
-  ForwardWork* work;
+  ForwardTeam* team;              // one forward work per thread
   double* log_conductivity;       // E, the element values the solver reads
 };
 

@@ -446,7 +446,7 @@ DatasetEnd iterate(DatasetState* st) {
             {wv_int(st->iteration)});
   const ParameterModel model{run.log_conductivity, st->m.data(), st->P};
   if (compute_jacobian(run.forward, *st->ms, model, st->quadrature,
-                       ctx.log_data, run.work, st->J.data(), st->c.data()) != 0)
+                       ctx.log_data, run.team, st->J.data(), st->c.data()) != 0)
     return END_JACOBIAN_FAILED;
   if (ctx.difference_reg)
     for (int i = 0; i < st->n; ++i) st->c[i] = st->c[i] - st->background[i];
@@ -470,7 +470,7 @@ DatasetEnd iterate(DatasetState* st) {
 void background_run(DatasetState* st) {
   const InverseRun& run = *st->run;
   if (forward_solve(run.forward, *st->ms, run.log_conductivity,
-                    st->quadrature, run.work, st->background.data()) == 0)
+                    st->quadrature, run.team, st->background.data()) == 0)
     return;
   message(CH_CONSOLE, CH_LOG,
           "/ ' ', 'Forward solution error using background data - exiting'");

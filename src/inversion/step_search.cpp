@@ -42,7 +42,7 @@ int forward_trial(DatasetState* st, bool full_step, double s) {
   scatter_parameters(*run.forward.mesh, st->m_trial.data(),
                      run.log_conductivity);
   const int failed = forward_solve(run.forward, *st->ms, run.log_conductivity,
-                                   st->quadrature, run.work, st->c.data());
+                                   st->quadrature, run.team, st->c.data());
   // A difference run fits (d - d_ref) against (f(m) - f(m0)).
   if (failed == 0 && run.ctx->difference_reg)
     for (int i = 0; i < st->n; ++i) st->c[i] = st->c[i] - st->background[i];

@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "run/memory_guard.h"
+#include "run/threads.h"
 #include "run/run_context.h"
 #include "textio/textio.h"
 
@@ -57,8 +58,10 @@ void read_electrodes(const RunContext& ctx, const MeshModel& mesh,
   tio_read(CH_CONTROL, READ_PLAIN, {rd_int(&count)});
   // A negative count is read as an empty table.
   if (count < 0) count = 0;
-  // The table and the potentials of one unit source per electrode.
-  require_memory(8.0 * count * (mesh.num_nodes + 1.0), "the electrodes");
+  // The table and the potentials of one unit source per electrode, which
+  // every thread holds for a wavenumber of its own.
+  require_memory(8.0 * count * (mesh.num_nodes + 1.0) * thread_count(),
+                 "the electrodes");
   // The table grows as records are read: a count larger than the file ends
   // the run at its end with no more than the file's records in memory.
   table->num_electrodes = count;

@@ -16,6 +16,7 @@
 #include "results/model_files.h"
 #include "run/control_file.h"
 #include "run/run_context.h"
+#include "run/threads.h"
 #include "run/timers.h"
 #include "textio/textio.h"
 
@@ -67,7 +68,7 @@ int stencil_width(const RunContext& ctx) { return ctx.quadratic_filter ? 13 : 5;
   const Quadrature q = choose_wavenumbers(s, ms, wavenumbers, weights);
   const int forward_failed =
       forward_solve(forward_mesh(*s), ms, s->log_conductivity.data(), q,
-                    &s->work, transfer_resistance.data());
+                    &s->team, transfer_resistance.data());
   timer("stop");
   timer_report();
   if (forward_failed != 0)
@@ -101,7 +102,7 @@ void open_dataset_files(const RunContext& ctx, int dataset) {
                          &s->regularisation);
   const InverseRun run{&s->ctx,           forward_mesh(*s),
                        &s->map,           &s->mask,
-                       &s->regularisation, &s->work,
+                       &s->regularisation, &s->team,
                        s->log_conductivity.data()};
   int dataset_number = 0;
   MeasurementSet ms;
@@ -148,6 +149,11 @@ void start_run() {
   tio_open(CH_ELECTRODES_VTK, "electrodes.vtk");
   tio_open(CH_LOG, "Q5.out");
   write_banner_and_date();
+  // One thread, the default, adds no line: its output stays as it was.
+  const int threads = start_threads_from_environment();
+  if (threads != 1)
+    message(CH_CONSOLE, CH_LOG, "1X, '>> T h r e a d s : ', I3",
+            {wv_int(threads)});
 }
 
 void read_control_and_build(RunState* s) {
@@ -156,7 +162,8 @@ void read_control_and_build(RunState* s) {
   read_job_record(ctx);
   read_mesh(ctx, &s->mesh);
   check_singular_and_res_calc(ctx);
-  build_matrix_pattern(s->mesh, ctx->mesh_type, &s->pattern, &s->work);
+  s->team.work.resize(1);
+  build_matrix_pattern(s->mesh, ctx->mesh_type, &s->pattern, &s->team.work[0]);
   check_flux_type(ctx);
   if (ctx->mesh_type == 3) read_mesh_scale(ctx, &s->mesh);
   read_start_model(ctx, s->mesh, &s->log_conductivity);
@@ -169,7 +176,8 @@ void read_control_and_build(RunState* s) {
   read_polyline_mask(*ctx, &s->mesh, &s->mask);
   read_electrodes(*ctx, s->mesh, &s->table);
   allocate_forward_vectors(s->mesh.num_nodes, s->table.num_electrodes,
-                           &s->work);
+                           &s->team.work[0]);
+  allocate_forward_team(thread_count(), s->mesh, &s->team);
   choose_pinned_node(ctx->mesh_type, s->table, &s->mesh);
 }
 

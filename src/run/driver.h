@@ -21,18 +21,18 @@ struct RunState {
   ParameterMap map;
   OutputMask mask;
   ElectrodeTable table;
-  ForwardWork work;
+  ForwardTeam team;                     // one work per thread
   RegularisationMatrix regularisation;  // built once before the first dataset
 };
 
 // Start of a run: the floating-point mode, the memory handler, the timers,
 // the fixed files (Q5.in, protocol.dat, electrodes.dat, electrodes.vtk,
-// Q5.out) and the banner.
+// Q5.out), the banner and the threads of Q5_THREADS.
 void start_run();
 
 // Reading stage: the control file from record 1 to its last record, with
 // the mesh, pattern, start model, parameter map, mask, electrode table and
-// the forward work they size, and the pinned node.
+// the forward work they size (one for each thread), and the pinned node.
 void read_control_and_build(RunState* s);
 
 // The mesh, pattern and electrodes of the run as the forward solver reads

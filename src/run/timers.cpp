@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "run/threads.h"
 #include "textio/textio.h"
 
 namespace {
@@ -21,6 +22,15 @@ float total_time;    // start reading at "init", elapsed seconds at "stop"
 Phase phases[5] = {{"ele", 0, 0, 0}, {"for", 0, 0, 0}, {"jac", 0, 0, 0},
                    {"sol", 0, 0, 0}, {"res", 0, 0, 0}};
 enum { COUNTED_PHASES = 4 };  // "res" keeps no count
+
+// Sums of the threads of a parallel stage, one set per slot, and the slot
+// of the calling thread (-1: the run's own phases).
+Phase slot_phases[MAX_THREADS][5];
+thread_local int thread_slot = -1;
+
+Phase* phases_in_use() {
+  return thread_slot < 0 ? phases : slot_phases[thread_slot];
+}
 
 bool have_origin = false;
 long long origin_ticks;
@@ -57,9 +67,10 @@ void timer(const char* label) {
     total_time = (float)(timer_clock() - (double)total_time);
     return;
   }
+  Phase* in_use = phases_in_use();
   for (int i = 0; i < 5; ++i) {
-    Phase& p = phases[i];
-    if (std::strncmp(label, p.name, 3) != 0) continue;
+    Phase& p = in_use[i];
+    if (std::strncmp(phases[i].name, label, 3) != 0) continue;
     if (label[3] == '0') {
       p.mark = (float)timer_clock();
     } else if (label[3] == '1') {
@@ -69,6 +80,24 @@ void timer(const char* label) {
       if (i < COUNTED_PHASES) p.calls += 1;
     }
     return;
+  }
+}
+
+void timer_set_thread_slot(int slot) { thread_slot = slot; }
+
+void timer_merge_thread_slots(int num_threads) {
+  for (int i = 0; i < 5; ++i) {
+    float longest = 0.0f;
+    int calls = 0;
+    for (int t = 0; t < num_threads; ++t) {
+      Phase& p = slot_phases[t][i];
+      if (p.sum > longest) longest = p.sum;
+      calls += p.calls;
+      p.sum = 0.0f;
+      p.calls = 0;
+    }
+    phases[i].sum = phases[i].sum + longest;
+    phases[i].calls += calls;
   }
 }
 

@@ -12,3 +12,13 @@ void timer_report();
 
 // Seconds since the first clock reading of the run (the first call gives 0).
 double timer_clock();
+
+// The threads of a parallel stage time their phases apart: on a thread
+// given slot t (0 to MAX_THREADS - 1) the timer calls go to sums of that
+// slot alone; slot -1 is the run's own. Set by the thread team.
+void timer_set_thread_slot(int slot);
+
+// After a parallel stage of num_threads threads: each phase of the run gains
+// the longest time one thread spent in it (the stage's wall time in that
+// phase) and the calls of all threads; the slots are cleared.
+void timer_merge_thread_slots(int num_threads);

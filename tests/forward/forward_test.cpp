@@ -303,16 +303,16 @@ TEST(PardisoAdapter, ErrorWordsAndAFailingReordering) {
   const MeshModel mesh{0, 0, {}, {}, {1}, {}, {}};
   const MatrixPattern pattern{0, {1}, {0}, {}};
   const ElectrodeTable table{2, {1, 1}, {1, 2}};
-  ForwardWork work{};
-  work.matrix_values = {0.0};
-  work.matrix_permutation = {0};
-  allocate_forward_vectors(1, 2, &work);
+  ForwardTeam team{std::vector<ForwardWork>(1)};
+  team.work[0].matrix_values = {0.0};
+  team.work[0].matrix_permutation = {0};
+  allocate_forward_vectors(1, 2, &team.work[0]);
   const double ks[2] = {0.1, 0.2};
   double tr = 5.0;
   testing::internal::CaptureStdout();
   for (int code : {-2, -9, -10, -11}) pardiso_report(code);
   const int failed = forward_solve({&mesh, 3, &pattern, &table}, MeasurementSet{1, 1, {}, {1}, {2}, {1}, {2}, {}, {}, {}},
-                                   nullptr, {ks, ks, 2, 3.0, false, 0.0}, &work, &tr);
+                                   nullptr, {ks, ks, 2, 3.0, false, 0.0}, &team, &tr);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), words + report);
   EXPECT_EQ(failed, -1);
   EXPECT_EQ(tr, 0.0);
@@ -337,7 +337,7 @@ TEST(ForwardLoop, TransferResistancesMatchTheDenseSuperposition) {
     for (int mode = 0; mode < 3; ++mode) {
       const Quadrature q{ks, ws, mode == 0 ? 1 : 2, mode == 0 ? 2.0 : 3.0, mode == 2, -1.0};
       Vec tr(8, -1.0), ref(8, 0.0);
-      ASSERT_EQ(forward_solve(s.fm(), ms, s.lc.data(), q, &s.work, tr.data()), 0);
+      ASSERT_EQ(forward_solve(s.fm(), ms, s.lc.data(), q, &s.team, tr.data()), 0);
       const double sigma_0 = mode == 2 ? reference_conductivity(s.mesh, p, s.lc.data()) : 0.0;
       double size = 0.0;
       for (int j = 0; j < q.num_wavenumbers; ++j) {

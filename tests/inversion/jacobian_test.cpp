@@ -39,7 +39,7 @@ void make_case(Case* c, int npe, double flux, int zx, int zy, unsigned seed) {
 
 Vec forward(Case* c, const Vec& lc) {
   Vec r(c->s.ms.num_measurements);
-  EXPECT_EQ(forward_solve(c->s.fm(), c->s.ms, lc.data(), c->q, &c->s.work, r.data()), 0);
+  EXPECT_EQ(forward_solve(c->s.fm(), c->s.ms, lc.data(), c->q, &c->s.team, r.data()), 0);
   return r;
 }
 
@@ -48,7 +48,7 @@ void jacobian(Case* c, bool log_data, Vec* J, Vec* data) {
   J->assign(c->s.ms.num_measurements * c->v.size(), -1.0);
   data->assign(c->s.ms.num_measurements, -1.0);
   const ParameterModel model{c->s.lc.data(), c->v.data(), static_cast<int>(c->v.size())};
-  EXPECT_EQ(compute_jacobian(c->s.fm(), c->s.ms, model, c->q, log_data, &c->s.work, J->data(), data->data()),
+  EXPECT_EQ(compute_jacobian(c->s.fm(), c->s.ms, model, c->q, log_data, &c->s.team, J->data(), data->data()),
             0);
 }
 

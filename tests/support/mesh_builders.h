@@ -102,13 +102,14 @@ inline MeshModel fan(int rim, bool reversed) {
 // 0.1 m below the surface, of four-node cells or (npe 3) of cells cut along
 // random diagonals; 10 to 100 ohm m at random; six electrodes on the surface
 // nodes of columns 2 to 7 with eight dipole-dipole and Wenner readings; node
-// 1 pinned; the pattern and the work sized. param: one per cell, or empty.
+// 1 pinned; the pattern and one thread's work sized. param: one per cell, or
+// empty.
 struct Survey {
   MeshModel mesh;
   int npe;
   std::vector<double> lc;  // ln conductivity per element
   MatrixPattern pattern;
-  ForwardWork work;
+  ForwardTeam team{std::vector<ForwardWork>(1)};
   ElectrodeTable table{6, {}, {1, 2, 3, 4, 5, 6}};
   MeasurementSet ms;
   ForwardMesh fm() const { return {&mesh, npe, &pattern, &table}; }
@@ -134,10 +135,10 @@ inline void make_survey(Survey* s, int npe, unsigned seed, const std::vector<int
     s->ms.elec_b[i] = quads[i][3];
   }
   testing::internal::CaptureStdout();  // progress lines of the pattern
-  build_matrix_pattern(s->mesh, npe, &s->pattern, &s->work);
+  build_matrix_pattern(s->mesh, npe, &s->pattern, &s->team.work[0]);
   testing::internal::GetCapturedStdout();
   s->mesh.pin_flags[0] = 1;
-  allocate_forward_vectors(s->mesh.num_nodes, 6, &s->work);
+  allocate_forward_vectors(s->mesh.num_nodes, 6, &s->team.work[0]);
 }
 
 // Solves A X = B (A n by n, B n by m, both row-major) by Gaussian
