@@ -1,7 +1,6 @@
 // Forward loop: one conductivity model to one transfer resistance per
 // measurement, summing the two-dimensional solutions of every wavenumber
 // along strike with their quadrature weights.
-#include <atomic>
 #include <cstddef>
 #include <vector>
 
@@ -117,18 +116,17 @@ struct ForwardRound {
   double* shares;                  // W * n, ohm: w times the bracket of term j at j * n
   int* errors;                     // W: PARDISO code of term j, 0 when done or not run
   int* stages;                     // W: failed stage of term j
-  std::atomic<int> first_failed;   // lowest failed term so far, W for none
 };
 
-// Thread t takes the terms t, t + T, ...: the same terms on every run, so
-// that a solver failing on a chosen call fails on the same term each time.
-// A term beyond a failed one is not started: its sum would not be used.
+// Thread t takes the terms t, t + T, ... and stops at its own first failure
+// only: each thread makes the same solver calls on every run, so that a
+// solver failing on a chosen call fails on the same term each time. Terms
+// beyond another thread's failure are wasted, and failures are rare.
 void solve_terms(int t, void* arg) {
   ForwardRound* r = static_cast<ForwardRound*>(arg);
   const int n = r->ms->num_measurements;
   ForwardWork* work = &r->team->work[static_cast<std::size_t>(t)];
   for (int j = t; j < r->q->num_wavenumbers; j += r->num_threads) {
-    if (j > r->first_failed.load()) return;
     double* share = r->shares + static_cast<std::size_t>(j) * n;
     for (int i = 0; i < n; ++i) share[i] = 0.0;
     const int error = forward_term(*r->fm, *r->ms, r->log_conductivity, *r->q,
@@ -136,9 +134,6 @@ void solve_terms(int t, void* arg) {
     if (error != 0) {
       r->errors[j] = error;
       r->stages[j] = work->failed_stage;
-      int seen = r->first_failed.load();
-      while (j < seen && !r->first_failed.compare_exchange_weak(seen, j)) {
-      }
       return;
     }
   }
@@ -170,7 +165,7 @@ int forward_solve(const ForwardMesh& fm, const MeasurementSet& ms,
   const int T = static_cast<int>(team->work.size());
   ForwardRound round{&fm, &ms, log_conductivity, &terms, team,
                      T < W ? T : W, shares.data(), errors.data(),
-                     stages.data(), {W}};
+                     stages.data()};
   run_on_threads(round.num_threads, solve_terms, &round);
 
   // The sum runs over the terms in order, each added whole, as one thread

@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include <ctime>
+#include <mutex>
 
 #include "forward/forward_kernels.h"
 #include "mesh/mesh_model.h"
@@ -24,6 +25,9 @@ const int matrix_number = 1;   // mnum
 const int matrix_type = -2;    // real symmetric indefinite
 const int num_rhs = 1;         // nrhs
 const int message_level = 0;   // msglvl
+
+// Held around every reordering (phase 11).
+std::mutex reordering_lock;
 
 // Seconds on a monotonic clock, for the stage log only.
 double stage_clock() {
@@ -108,8 +112,16 @@ int reorder_and_factorise(int n, const MatrixPattern& pattern,
   for (int i = 0; i < n; ++i) perm[i] = 0;
   build_control(work->solver_control);
   double t0 = rec ? stage_clock() : 0.0;
-  int error = call_pardiso(11, n, pattern, work, &dummy_int, &dummy_double,
-                           &dummy_double);
+  int error;
+  {
+    // Reorderings run one at a time, whatever the threads: two at once
+    // come out as different orderings, and so as different rounding of
+    // the factors, while one at a time each is the ordering a single
+    // thread gets. Factorisations and solves run side by side.
+    std::lock_guard<std::mutex> hold(reordering_lock);
+    error = call_pardiso(11, n, pattern, work, &dummy_int, &dummy_double,
+                         &dummy_double);
+  }
   if (rec) rec->reordering += stage_clock() - t0;
   if (error != 0) {
     work->failed_stage = STAGE_REORDERING;
