@@ -82,6 +82,7 @@ struct ForwardWork {
   double k;                               // 1/m, wavenumber of the potentials
   double w;                               // 1/m, its weight; 1 for two-dimensional flow
   int failed_stage = 0;                   // SolverStage of the last failed solver call
+  int term_calls[2] = {0, 0};             // timer calls of "ele" and "for" in the last forward_term
   SolverStageLog* stage_log = nullptr;    // null: no stage times kept
 };
 
@@ -167,6 +168,11 @@ double reference_conductivity(const MeshModel& mesh, int nodes_per_element,
 int forward_term(const ForwardMesh& fm, const MeasurementSet& ms,
                  const double* log_conductivity, const Quadrature& q, int j,
                  ForwardWork* work, double* transfer_resistance);
+
+// Takes the timer calls of `count` terms (calls: 2 * count, "ele" then "for"
+// of each, as in ForwardWork::term_calls) back from the run's counts: terms
+// solved on other threads beyond the first failed one.
+void uncount_terms(const int* calls, int count);
 
 // Writes the words of a failed solver call: the stage record and the code
 // on the log (reordering, factorisation and solve), then the PARDISO report

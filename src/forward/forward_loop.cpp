@@ -9,6 +9,7 @@
 #include "mesh/mesh_model.h"
 #include "run/memory_guard.h"
 #include "run/threads.h"
+#include "run/timers.h"
 
 namespace {
 
@@ -77,13 +78,26 @@ int forward_term(const ForwardMesh& fm, const MeasurementSet& ms,
     work->k = q.wavenumbers[j];
     work->w = q.weights[j];
   }
+  const int ele_before = timer_calls("ele"), for_before = timer_calls("for");
   const int error =
       solve_all_electrodes(fm, log_conductivity, q, work->k, work);
+  work->term_calls[0] = timer_calls("ele") - ele_before;
+  work->term_calls[1] = timer_calls("for") - for_before;
   if (error != 0) return error;
   add_transfer_resistances(*fm.table, ms, fm.mesh->num_nodes,
                            work->potentials.data(), work->w,
                            transfer_resistance);
   return 0;
+}
+
+void uncount_terms(const int* calls, int count) {
+  int assemblies = 0, solves = 0;
+  for (int t = 0; t < count; ++t) {
+    assemblies += calls[2 * t];
+    solves += calls[2 * t + 1];
+  }
+  timer_uncount("ele", assemblies);
+  timer_uncount("for", solves);
 }
 
 void allocate_forward_team(int num_threads, const MeshModel& mesh,
@@ -116,6 +130,7 @@ struct ForwardRound {
   double* shares;                  // W * n, ohm: w times the bracket of term j at j * n
   int* errors;                     // W: PARDISO code of term j, 0 when done or not run
   int* stages;                     // W: failed stage of term j
+  int* calls;                      // 2 * W: term_calls of term j at 2 * j
 };
 
 // Thread t takes the terms t, t + T, ... and stops at its own first failure
@@ -131,6 +146,8 @@ void solve_terms(int t, void* arg) {
     for (int i = 0; i < n; ++i) share[i] = 0.0;
     const int error = forward_term(*r->fm, *r->ms, r->log_conductivity, *r->q,
                                    j, work, share);
+    r->calls[2 * j] = work->term_calls[0];
+    r->calls[2 * j + 1] = work->term_calls[1];
     if (error != 0) {
       r->errors[j] = error;
       r->stages[j] = work->failed_stage;
@@ -162,10 +179,11 @@ int forward_solve(const ForwardMesh& fm, const MeasurementSet& ms,
   std::vector<double> shares(static_cast<std::size_t>(W) * n);
   std::vector<int> errors(static_cast<std::size_t>(W), 0);
   std::vector<int> stages(static_cast<std::size_t>(W), 0);
+  std::vector<int> calls(2 * static_cast<std::size_t>(W), 0);
   const int T = static_cast<int>(team->work.size());
   ForwardRound round{&fm, &ms, log_conductivity, &terms, team,
                      T < W ? T : W, shares.data(), errors.data(),
-                     stages.data()};
+                     stages.data(), calls.data()};
   run_on_threads(round.num_threads, solve_terms, &round);
 
   // The sum runs over the terms in order, each added whole, as one thread
@@ -176,6 +194,7 @@ int forward_solve(const ForwardMesh& fm, const MeasurementSet& ms,
     for (int i = 0; i < n; ++i) transfer_resistance[i] += share[i];
   }
   if (j == W) return 0;
+  uncount_terms(calls.data() + 2 * static_cast<std::size_t>(j + 1), W - j - 1);
   report_solver_failure(stages[static_cast<std::size_t>(j)],
                         errors[static_cast<std::size_t>(j)]);
   return errors[static_cast<std::size_t>(j)];

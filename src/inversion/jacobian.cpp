@@ -256,6 +256,12 @@ int compute_jacobian(const ForwardMesh& fm, const MeasurementSet& ms,
     }
     if (done < round) {
       const int u = done;
+      std::vector<int> calls;
+      for (int v = u + 1; v < round; ++v) {
+        const ForwardWork& beyond = team->work[static_cast<std::size_t>(v)];
+        calls.insert(calls.end(), {beyond.term_calls[0], beyond.term_calls[1]});
+      }
+      uncount_terms(calls.data(), round - u - 1);
       report_solver_failure(team->work[static_cast<std::size_t>(u)].failed_stage,
                             errors[static_cast<std::size_t>(u)]);
       return errors[static_cast<std::size_t>(u)];

@@ -101,6 +101,18 @@ void timer_merge_thread_slots(int num_threads) {
   }
 }
 
+namespace {
+int phase_index(const char* phase) {
+  for (int i = 0; i < 5; ++i)
+    if (std::strncmp(phases[i].name, phase, 3) == 0) return i;
+  return 0;
+}
+}  // namespace
+
+int timer_calls(const char* phase) { return phases_in_use()[phase_index(phase)].calls; }
+
+void timer_uncount(const char* phase, int calls) { phases[phase_index(phase)].calls -= calls; }
+
 void timer_report() {
   // A phase without calls keeps its sum in the percent column (normally 0);
   // the resolution line shows its plain sum of seconds behind the "%".

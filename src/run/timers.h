@@ -22,3 +22,12 @@ void timer_set_thread_slot(int slot);
 // the longest time one thread spent in it (the stage's wall time in that
 // phase) and the calls of all threads; the slots are cleared.
 void timer_merge_thread_slots(int num_threads);
+
+// Completed calls of the phase named by its three letters ("ele", "for")
+// so far on the calling thread: the run's count, or its slot's.
+int timer_calls(const char* phase);
+
+// Takes `calls` back from the run's count of a phase: the solutions threads
+// made beyond a failure, which one thread would never have begun, so that
+// the report counts what one thread counts.
+void timer_uncount(const char* phase, int calls);

@@ -221,3 +221,56 @@ INSTANTIATE_TEST_SUITE_P(InverseJob, DatasetEnd, ::testing::ValuesIn(end_cases()
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
+
+// ---- a failing solver on several threads -----------------------------------------
+
+// Thread t of T solves the wavenumbers t, t + T, ..., and the failing build
+// fails the same call number in every thread, so each thread fails in its
+// own wavenumber of the same solution. The run must read as the one-thread
+// run whose failure falls on the first of them in wavenumber order: with 12
+// electrodes a wavenumber makes 15 calls (reordering, factorisation, 12
+// solves, release), so call r + 1 of a thread's wavenumber q is call
+// (T q) 15 + r + 1 of one thread. A failed run that reported a later
+// wavenumber too, or the wrong one, or added the terms after the failure,
+// reads differently.
+struct ThreadFailure {
+  const char* name;
+  int threads, q, r;  // r: 0 reordering, 1 factorisation, 2..13 solves, 14 release
+  bool forward;
+};
+
+class FailureOnThreads : public ::testing::TestWithParam<ThreadFailure> {};
+
+TEST_P(FailureOnThreads, ReadsAsTheFirstFailureOnOneThread) {
+  const ThreadFailure& c = GetParam();
+  const Survey s = small_survey();
+  const std::vector<double> d = box_data(s, {6.0, 9.0, 1.0, 3.0, 10.0}, 0.03, 20261123u);
+  const std::string head = survey_head(s, c.forward ? 0 : 1, "3.0", 0, 0);
+  const Files inputs =
+      c.forward ? Files{{"Q5.in", head + survey_regions(s, 100.0, {{6.0, 9.0, 1.0, 3.0, 10.0}}) + survey_electrodes(s)},
+                        {"protocol.dat", survey_block(s)}}
+                : Files{{"Q5.in", inverse_control(s, survey_regions(s, 100.0, {}),
+                                                  settings(1, 0.0, 1, 0, 5, 0, 0.03), 0, "3.0")},
+                        {"protocol.dat", survey_block(s, d) + survey_block(s, d)}};
+  const RunResult one = run_failing_solver(inputs, c.threads * c.q * 15 + c.r + 1, "1");
+  const RunResult many = run_failing_solver(inputs, c.q * 15 + c.r + 1, std::to_string(c.threads));
+  ASSERT_EQ(std::count(one.lines.begin(), one.lines.end(), " Error in Pardiso call:  error flag =         -4"), 1)
+      << one.console;
+  expect_same_runs(one, many, std::to_string(c.threads) + " threads");
+}
+
+const ThreadFailure kThreadFailures[] = {
+    // The first Jacobian: all threads fail their first reordering; the
+    // first wavenumber's failure alone is told.
+    {"reordering_first_round", 2, 0, 0, false},
+    {"factorisation_three_threads", 3, 0, 1, false},
+    // Later rounds: the terms of the rounds before are in J and the data.
+    {"solve_second_round", 2, 1, 5, false},
+    {"factorisation_third_round", 2, 2, 1, false},
+    {"release_first_round", 2, 0, 14, false},
+    // The forward job: its one solution fails in the third wavenumber.
+    {"forward_solve", 2, 1, 2, true},
+};
+
+INSTANTIATE_TEST_SUITE_P(InverseJob, FailureOnThreads, ::testing::ValuesIn(kThreadFailures),
+                         [](const auto& info) { return std::string(info.param.name); });

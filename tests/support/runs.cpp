@@ -79,19 +79,79 @@ Lines split_lines(const std::string& text) {
   return lines;
 }
 
-RunResult run_q5(const Files& inputs, int failing_call) {
+namespace {
+
+// Writes `inputs` into a fresh scratch directory and runs `program` there,
+// with `environment` ("NAME=value ..." or "-u NAME") before it.
+RunResult run_in_scratch(const Files& inputs, const std::string& environment,
+                         const std::string& program) {
   const std::string dir = make_scratch_dir();
   for (const auto& [name, text] : inputs) write_file(dir + "/" + name, text);
-  const std::string program = failing_call > 0
-      ? "Q5_FAIL_SOLVER_CALL=" + std::to_string(failing_call) + " '" + Q5_FAILING_SOLVER_BINARY + "'"
-      : std::string("'") + Q5_BINARY + "'";
-  const int rc = std::system(("cd '" + dir + "' && " + program + " > .console 2> .errors < /dev/null").c_str());
+  const int rc = std::system(("cd '" + dir + "' && env " + environment + " '" + program +
+                              "' > .console 2> .errors < /dev/null").c_str());
   RunResult run{dir, WIFEXITED(rc) ? WEXITSTATUS(rc) : 128 + WTERMSIG(rc), read_file(dir + "/.console"),
                 read_file(dir + "/.errors"), {}};
   run.lines = split_lines(run.console);
   return run;
 }
 
+// Every file of a run directory, the console and standard error included.
+Lines run_files(const std::string& dir) {
+  Lines names;
+  for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// The console or Q5.out of a run on several threads as it reads on one: the
+// thread line dropped; then masked as a transcript is.
+std::string as_on_one_thread(const std::string& text, const std::string& dir) {
+  std::string out;
+  for (const std::string& line : split_lines(text))
+    if (line.rfind(" >> T h r e a d s : ", 0) != 0) out += line + "\n";
+  if (!text.empty() && text.back() != '\n') out.pop_back();
+  return mask(out, dir);
+}
+
+}  // namespace
+
+void expect_same_runs(const RunResult& one, const RunResult& many, const std::string& what) {
+  EXPECT_EQ(many.exit_status, one.exit_status) << what;
+  EXPECT_EQ(run_files(many.dir), run_files(one.dir)) << what;
+  for (const std::string& name : run_files(one.dir)) {
+    const std::string a = read_file(one.dir + "/" + name), b = read_file(many.dir + "/" + name);
+    if (name == ".console" || name == "Q5.out")
+      EXPECT_EQ(as_on_one_thread(b, many.dir), as_on_one_thread(a, one.dir)) << name << ", " << what;
+    else if (name == ".errors")  // names the run's own directory
+      EXPECT_EQ(mask(b, many.dir), mask(a, one.dir)) << name << ", " << what;
+    else
+      EXPECT_TRUE(a == b) << name << " differs, " << what << " (" << many.dir << ")";
+  }
+}
+
+Lines thread_counts_under_test() {
+  Lines counts;
+  const char* list = std::getenv("Q5_TEST_THREADS");
+  std::istringstream in(list ? list : "");
+  for (std::string count; std::getline(in, count, ',');)
+    if (!count.empty()) counts.push_back(count);
+  return counts;
+}
+
+RunResult run_q5(const Files& inputs, int failing_call) {
+  if (failing_call > 0)
+    return run_in_scratch(inputs, "-u Q5_THREADS Q5_FAIL_SOLVER_CALL=" + std::to_string(failing_call),
+                          Q5_FAILING_SOLVER_BINARY);
+  const RunResult one = run_in_scratch(inputs, "-u Q5_THREADS", Q5_BINARY);
+  for (const std::string& count : thread_counts_under_test())
+    expect_same_runs(one, run_in_scratch(inputs, "Q5_THREADS=" + count, Q5_BINARY), "Q5_THREADS=" + count);
+  return one;
+}
+
+RunResult run_failing_solver(const Files& inputs, int failing_call, const std::string& threads) {
+  return run_in_scratch(inputs, "Q5_THREADS=" + threads + " Q5_FAIL_SOLVER_CALL=" + std::to_string(failing_call),
+                        Q5_FAILING_SOLVER_BINARY);
+}
 std::string transcript(const RunResult& run, const Lines& whole) {
   std::string out = "== exit status " + std::to_string(run.exit_status) + " ==\n", listing;
   section(&out, "console", mask(run.console, run.dir));

@@ -29,10 +29,25 @@ struct RunResult {
   Lines lines;               // the console, line by line
 };
 
-// Writes `inputs` into a fresh scratch directory and runs q5 there with no
-// standard input; with failing_call > 0 the failing-solver build instead,
-// whose solver call of that number fails.
+// Writes `inputs` into a fresh scratch directory and runs q5 there on one
+// thread (Q5_THREADS unset) with no standard input; with failing_call > 0
+// the failing-solver build instead, whose solver call of that number fails.
+// For each count of thread_counts_under_test() the same inputs then run on
+// that many threads too, and must give the same files (expect_same_runs).
 RunResult run_q5(const Files& inputs, int failing_call = 0);
+
+// Thread counts of Q5_TEST_THREADS, a list such as "2,3,0"; none when unset.
+Lines thread_counts_under_test();
+
+// The failing-solver build on Q5_THREADS=threads, each thread of which fails
+// its own solver call number failing_call.
+RunResult run_failing_solver(const Files& inputs, int failing_call, const std::string& threads);
+
+// Expects run `many` (on several threads) to equal run `one`: the same exit
+// status and files, each byte for byte but the console and Q5.out, which
+// are compared without the thread line and masked as in a transcript.
+// `what` names the comparison in failures.
+void expect_same_runs(const RunResult& one, const RunResult& many, const std::string& what);
 
 // The transcript of a run: exit status, console, standard error (when not
 // empty) and Q5.out, each under a heading line; then every file of the run
