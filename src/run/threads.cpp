@@ -50,8 +50,8 @@ void run_task(Team* tm, int t) {
   timer_set_thread_slot(-1);
 }
 
-void worker(Team* tm, int t) {
-  long seen = 0;
+// Thread t of the team, from the task after task number `seen` on.
+void worker(Team* tm, int t, long seen) {
   std::unique_lock<std::mutex> hold(tm->lock);
   for (;;) {
     tm->start.wait(hold, [&] { return tm->quit || tm->task_number != seen; });
@@ -124,7 +124,8 @@ void set_thread_count(int num_threads) {
   Team* tm = team();
   stop_workers(tm);
   tm->num_threads = num_threads;
-  for (int t = 1; t < num_threads; ++t) tm->workers.emplace_back(worker, tm, t);
+  for (int t = 1; t < num_threads; ++t)
+    tm->workers.emplace_back(worker, tm, t, tm->task_number);
 }
 
 int thread_count() { return team()->num_threads; }

@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -16,6 +18,7 @@
 #include "data/measurement_set.h"
 #include "support/mesh_builders.h"
 #include "forward/forward_kernels.h"
+#include "run/run_context.h"
 #include "mesh/mesh_model.h"
 #include "textio/textio.h"
 
@@ -360,4 +363,35 @@ TEST(ForwardLoop, TransferResistancesMatchTheDenseSuperposition) {
   }
   tio_close(CH_LOG);
   EXPECT_EQ(take_file("Q5.out"), "");  // no stage record on success
+}
+
+// The terms shared out among 2 to 5 threads (more threads than terms too)
+// and added in wavenumber order: every transfer resistance is the double of
+// one thread, for two-dimensional flow, a point-source rule of many terms
+// and the singularity removal.
+TEST(ForwardLoop, SameDoublesOnAnyNumberOfThreads) {
+  double ks[MAX_WAVENUMBERS], ws[MAX_WAVENUMBERS];
+  int W = 0;
+  wavenumber_rule(MAX_WAVENUMBERS, 1.0, 5.0, ks, ws, &W);
+  ASSERT_GE(W, 6);
+  for (int p = 3; p <= 4; ++p) {
+    builders::Survey s;
+    builders::make_survey(&s, p, 50 + p);
+    for (int mode = 0; mode < 3; ++mode) {
+      const Quadrature q{ks, ws, mode == 0 ? 1 : W, mode == 0 ? 2.0 : 3.0, mode == 2, -1.0};
+      builders::use_threads(&s, 1);
+      Vec one(8, -1.0);
+      ASSERT_EQ(forward_solve(s.fm(), s.ms, s.lc.data(), q, &s.team, one.data()), 0);
+      ASSERT_NE(one[0], 0.0);
+      for (int T : {2, 3, 5}) {
+        builders::use_threads(&s, T);
+        Vec many(8, -2.0);
+        ASSERT_EQ(forward_solve(s.fm(), s.ms, s.lc.data(), q, &s.team, many.data()), 0);
+        for (int i = 0; i < 8; ++i)
+          EXPECT_EQ(std::bit_cast<std::uint64_t>(many[i]), std::bit_cast<std::uint64_t>(one[i]))
+              << "p " << p << " mode " << mode << " T " << T << " reading " << i;
+      }
+    }
+  }
+  set_thread_count(1);
 }

@@ -13,6 +13,8 @@
 
 #include "support/mesh_builders.h"
 #include "inversion/inversion.h"
+#include "inversion/solver_kernels.h"
+#include "run/threads.h"
 
 namespace {
 
@@ -249,4 +251,52 @@ TEST(Resolution, FailuresWorstRatioAndFingerprint) {
   EXPECT_TRUE(std::isnan(s.x[6]));
   s.x[6] = 0.0;
   EXPECT_EQ(fingerprint(s.x), 5242639239265733222ull);
+}
+
+// The passes over J shared out among threads, the columns of the column
+// sums in blocks and the rows of J times a vector in chunks, on a J large
+// enough to be shared (more than 65,536 entries) with partial blocks and
+// chunks: every sum is the double of a plain loop in one order, on any
+// number of threads; and so an inner solve and a resolution map keep their
+// bits.
+TEST(InnerSolver, PassesOverJOnThreadsGiveThePlainSums) {
+  const int n = 611, P = 173;
+  Problem pb = make_problem(n, P, 5, 77);
+  Vec x(n), p(P), D(P);
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  for (double& v : x) v = u(rng);
+  for (int j = 0; j < P; ++j) p[j] = u(rng), D[j] = 0.5 + u(rng) * u(rng);
+  Vec squares(P, 0.0), weighted(P, 0.0), dots(P, 0.0), product(n, 0.0);
+  for (int j = 0; j < P; ++j)
+    for (int i = 0; i < n; ++i) {
+      squares[j] = squares[j] + ((pb.J_at(i, j) * pb.J_at(i, j)) * pb.W[i]) * pb.W[i];
+      weighted[j] = weighted[j] + ((pb.J_at(i, j) * pb.W[i]) * pb.W[i]) * x[i];
+      dots[j] = dots[j] + pb.J_at(i, j) * x[i];
+    }
+  for (int i = 0; i < n; ++i)
+    for (int k = 0; k < P; ++k) product[i] = product[i] + (pb.J_at(i, k) * p[k]) * D[k];
+  Solved solve_one, map_one;
+  for (int T : {1, 2, 3, 4}) {
+    set_thread_count(T);
+    Vec out(P, -1.0), t(n, -1.0);
+    column_squares(pb.J.data(), pb.W.data(), n, P, out.data());
+    EXPECT_EQ(fingerprint(out), fingerprint(squares)) << T;
+    column_weighted_dots(pb.J.data(), pb.W.data(), x.data(), n, P, out.data());
+    EXPECT_EQ(fingerprint(out), fingerprint(weighted)) << T;
+    column_dots(pb.J.data(), x.data(), n, P, out.data());
+    EXPECT_EQ(fingerprint(out), fingerprint(dots)) << T;
+    scaled_product(pb.J.data(), p.data(), D.data(), n, P, t.data());
+    EXPECT_EQ(fingerprint(t), fingerprint(product)) << T;
+    const Solved solve = run(pb, 0.8, 0.0, 0), map = run(pb, 0.8, 0.0, 0, true);
+    if (T == 1) {
+      solve_one = solve, map_one = map;
+      continue;
+    }
+    EXPECT_EQ(fingerprint(solve.x), fingerprint(solve_one.x)) << T;
+    EXPECT_EQ(solve.result, solve_one.result) << T;
+    EXPECT_EQ(fingerprint(map.x), fingerprint(map_one.x)) << T;
+    EXPECT_EQ(map.result, map_one.result) << T;
+  }
+  set_thread_count(1);
 }

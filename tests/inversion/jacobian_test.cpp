@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "support/mesh_builders.h"
@@ -96,4 +97,31 @@ TEST(Jacobian, NoParametersLeaveJZeroAndStillGiveTheData) {
     EXPECT_EQ(J, Vec(J.size(), 0.0));
     EXPECT_EQ(data, forward(&c, c.s.lc));
   }
+}
+
+// Rounds of terms on 2 to 5 threads, each thread adding to its own columns:
+// every entry of J and every datum is the double of one thread, for true
+// and log data, zones of one cell and of 2 by 2 (uneven shares of the
+// elements), and two-dimensional flow (one term, threads idle in the solve).
+TEST(Jacobian, SameDoublesOnAnyNumberOfThreads) {
+  for (int npe : {3, 4})
+    for (double flux : {2.0, 3.0})
+      for (int zone : {1, 2})
+        for (bool log_data : {false, true}) {
+          SCOPED_TRACE(testing::Message() << "npe " << npe << " flux " << flux << " zone " << zone << " log "
+                                          << log_data);
+          Case c;
+          make_case(&c, npe, flux, zone, zone, 11u + npe);
+          builders::use_threads(&c.s, 1);
+          Vec J1, data1;
+          jacobian(&c, log_data, &J1, &data1);
+          for (int T : {2, 3, 5}) {
+            builders::use_threads(&c.s, T);
+            Vec J, data;
+            jacobian(&c, log_data, &J, &data);
+            EXPECT_EQ(std::memcmp(J.data(), J1.data(), 8 * J.size()), 0) << T;
+            EXPECT_EQ(std::memcmp(data.data(), data1.data(), 8 * data.size()), 0) << T;
+          }
+        }
+  set_thread_count(1);
 }

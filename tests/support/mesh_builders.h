@@ -13,6 +13,7 @@
 
 #include "data/measurement_set.h"
 #include "forward/forward.h"
+#include "run/threads.h"
 #include "mesh/mesh_model.h"
 #include "support/support.h"
 
@@ -139,6 +140,13 @@ inline void make_survey(Survey* s, int npe, unsigned seed, const std::vector<int
   testing::internal::GetCapturedStdout();
   s->mesh.pin_flags[0] = 1;
   allocate_forward_vectors(s->mesh.num_nodes, 6, &s->team.work[0]);
+}
+
+// Gives the survey's solutions T threads: the team and one work for each.
+inline void use_threads(Survey* s, int T) {
+  set_thread_count(T);
+  s->team.work.resize(1);
+  allocate_forward_team(T, s->mesh, &s->team);
 }
 
 // Solves A X = B (A n by n, B n by m, both row-major) by Gaussian
