@@ -15,6 +15,7 @@ from .errors import InputError
 from .locate import find_q5
 from .options import BatchOptions, add_options, from_args
 from .runlayout import PROTOCOL, cut_blocks, read_layout
+from .threads import cores
 
 PROG = "q5-batch"
 SEQUENTIAL_NOTE = ("Unlike one q5 run over the whole protocol.dat, which stops at the first "
@@ -133,14 +134,14 @@ def make_engine(opts, batch_dir, q5):
         if opts.hosts:
             raise InputError(opts.hosts, "--hosts belongs to the parallel engine; "
                              "Slurm chooses the nodes")
-        return SlurmEngine(batch_dir, q5, jobs, opts.sbatch_args)
+        return SlurmEngine(batch_dir, q5, jobs, opts.threads, opts.sbatch_args)
     if opts.sbatch_args:
         raise InputError("--sbatch-args", "belongs to the slurm engine")
     if opts.hosts:
         if not os.path.isfile(opts.hosts):
             raise InputError(opts.hosts, "not found")
-        return ParallelEngine(batch_dir, q5, jobs, os.path.abspath(opts.hosts))
-    return ParallelEngine(batch_dir, q5, jobs or os.cpu_count() or 1)
+        return ParallelEngine(batch_dir, q5, jobs, opts.threads, os.path.abspath(opts.hosts))
+    return ParallelEngine(batch_dir, q5, jobs or cores(), opts.threads)
 
 
 def run_engine(engine, pending, run_dir, progress, outcomes):
@@ -226,8 +227,11 @@ def main(argv=None):
     progress.done = before
     code = 0
     if pending:
-        write_runner(batch_dir)
+        write_runner(batch_dir, engine.threads_setting())
         print(f"{PROG}: running {len(pending)} dataset(s) with {engine.describe()}")
+        excess = engine.excess(len(pending))
+        if excess:
+            print(f"{PROG}: warning: {excess}", file=sys.stderr)
         try:
             code = run_engine(engine, pending, run_dir, progress, outcomes)
         except KeyboardInterrupt:

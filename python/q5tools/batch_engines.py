@@ -9,6 +9,7 @@ import signal
 import subprocess
 import time
 
+from . import threads as q5threads
 from .batch_dirs import write_file
 from .errors import InputError
 
@@ -21,6 +22,10 @@ RUNNER_TEXT = """#!/bin/sh
 # end time (seconds since the epoch) and host.
 # usage: run-dataset.sh Q5 DATASET_DIR
 q5=$1
+# The threads of q5 are the batch's, whatever the environment of the task
+# holds: a Q5_THREADS exported in a user's shell must not multiply the jobs.
+@THREADS@
+export Q5_THREADS
 # a task of an earlier batch whose list is gone finds no directory here
 [ -n "$2" ] && [ -f "$2/Q5.in" ] || exit 2
 cd "$2" || exit 2
@@ -37,9 +42,10 @@ exit $status
 """
 
 
-def write_runner(batch_dir):
+def write_runner(batch_dir, threads_setting):
+    """The task script, with the shell lines that set Q5_THREADS."""
     path = os.path.join(batch_dir, RUNNER)
-    write_file(path, RUNNER_TEXT.encode())
+    write_file(path, RUNNER_TEXT.replace("@THREADS@", threads_setting).encode())
     os.chmod(path, 0o755)
     return path
 
@@ -49,10 +55,11 @@ class Engine:
 
     name = ""
 
-    def __init__(self, batch_dir, q5, jobs):
+    def __init__(self, batch_dir, q5, jobs, threads=None):
         self.batch_dir = batch_dir
         self.q5 = q5
         self.jobs = jobs
+        self.threads = threads     # --threads; None: one
         self.process = None
         self.log_path = os.path.join(batch_dir, "engine.log")
         self.log = None
@@ -65,6 +72,18 @@ class Engine:
         except FileNotFoundError:
             raise InputError(argv[0], f"not found: the {self.name} engine needs it "
                              f"(Debian package {self.package})")
+
+    def threads_setting(self):
+        """Shell lines of the runner that set Q5_THREADS."""
+        return f"Q5_THREADS={1 if self.threads is None else self.threads}"
+
+    def describe_threads(self):
+        return "" if self.threads is None else f", q5 on {q5threads.words(self.threads)} each"
+
+    def excess(self, tasks):
+        """A warning when the tasks ask for more threads than there are
+        cores, else None."""
+        return None
 
     def poll(self):
         return self.process.poll()
@@ -93,15 +112,22 @@ class ParallelEngine(Engine):
 
     name, package = "parallel", "parallel"
 
-    def __init__(self, batch_dir, q5, jobs, hosts=None):
-        super().__init__(batch_dir, q5, jobs)
+    def __init__(self, batch_dir, q5, jobs, threads=None, hosts=None):
+        super().__init__(batch_dir, q5, jobs, threads)
         self.hosts = hosts
 
     def describe(self):
         where = f"on the hosts of {self.hosts}" if self.hosts else "on this machine"
         per = " per host" if self.hosts else ""
         jobs = f"{self.jobs} job(s) at a time{per}" if self.jobs else "one job per core"
-        return f"GNU parallel {where}, {jobs}"
+        return f"GNU parallel {where}, {jobs}{self.describe_threads()}"
+
+    def excess(self, tasks):
+        # Here the cores are known; on ssh hosts only what is too many on
+        # any host can be told.
+        if self.hosts:
+            return q5threads.hosts_excess(self.jobs, self.threads)
+        return q5threads.local_excess(min(self.jobs, tasks), self.threads, q5threads.cores())
 
     def start(self, dirs, tag):
         listing = os.path.join(self.batch_dir, f"tasks-{tag}.txt")
@@ -144,8 +170,8 @@ class SlurmEngine(Engine):
 
     name, package = "slurm", "slurm-client (slurm-wlm)"
 
-    def __init__(self, batch_dir, q5, jobs, sbatch_args=""):
-        super().__init__(batch_dir, q5, jobs)
+    def __init__(self, batch_dir, q5, jobs, threads=None, sbatch_args=""):
+        super().__init__(batch_dir, q5, jobs, threads)
         self.sbatch_args = shlex.split(sbatch_args or "")
         self.job_id = None
         self.tasks = None
@@ -153,7 +179,25 @@ class SlurmEngine(Engine):
     def describe(self):
         limit = f", at most {self.jobs} running at a time" if self.jobs else ""
         extra = f" ({' '.join(self.sbatch_args)})" if self.sbatch_args else ""
-        return f"a Slurm job array{limit}{extra}"
+        return f"a Slurm job array{limit}{extra}{self.describe_threads()}"
+
+    def cpus_per_task(self):
+        return self.threads if self.threads else 1
+
+    def threads_setting(self):
+        if self.threads != q5threads.EVERY_CORE:
+            return super().threads_setting()
+        # Every CPU Slurm gave the task (--cpus-per-task or --exclusive in
+        # --sbatch-args), not the node's: without task binding q5 could
+        # run on all of them.
+        return (f"Q5_THREADS=${{SLURM_CPUS_ON_NODE:-{q5threads.EVERY_CORE}}}\n"
+                f"[ \"$Q5_THREADS\" -le {q5threads.MAX_THREADS} ] 2>/dev/null || "
+                f"Q5_THREADS={q5threads.EVERY_CORE}")
+
+    def describe_threads(self):
+        if self.threads == q5threads.EVERY_CORE:
+            return ", q5 on every CPU of its task"
+        return super().describe_threads()
 
     def start(self, dirs, tag):
         listing = os.path.join(self.batch_dir, f"tasks-{tag}.txt")
@@ -180,7 +224,7 @@ class SlurmEngine(Engine):
         os.makedirs(outputs, exist_ok=True)
         array = f"1-{self.tasks}" + (f"%{self.jobs}" if self.jobs else "")
         argv = ["sbatch", "--parsable", "--wait", f"--array={array}", "--job-name=q5-batch",
-                "--ntasks=1", "--cpus-per-task=1",
+                "--ntasks=1", f"--cpus-per-task={self.cpus_per_task()}",
                 f"--output={os.path.join(outputs, 'task-%a.out')}", f"--chdir={self.batch_dir}",
                 *self.sbatch_args, script]
         self._popen(argv)

@@ -13,16 +13,18 @@ from .errors import InputError
 from .importer import import_run
 from .locate import find_q5
 from .options import ImportOptions, InvertOptions, add_options, from_args
+from .threads import environment
 
 PROG = "q5-invert"
 
 
-def run_q5(q5, run_dir):
-    """Run q5 in run_dir, its console kept in console.txt; returns the lines
-    worth showing. A run that ends in 'FATAL error' raises InputError."""
+def run_q5(q5, run_dir, threads=None):
+    """Run q5 in run_dir (with Q5_THREADS=threads when given), its console
+    kept in console.txt; returns the lines worth showing. A run that ends in
+    'FATAL error' raises InputError."""
     with open(os.path.join(run_dir, "console.txt"), "w") as out:
         status = subprocess.run([q5], cwd=run_dir, stdout=out, stderr=subprocess.STDOUT,
-                                stdin=subprocess.DEVNULL).returncode
+                                stdin=subprocess.DEVNULL, env=environment(threads)).returncode
     lines = open(os.path.join(run_dir, "console.txt"), errors="replace").read().splitlines()
     last = next((l.strip() for l in reversed(lines) if l.strip()), "")
     if status != 0 or last != "All ok":
@@ -45,6 +47,7 @@ def main(argv=None):
     opts, tools = from_args(ImportOptions, args), from_args(InvertOptions, args)
     from .plotting import plot_run
     reference_dir = None
+    with_threads = "" if tools.threads is None else f" with Q5_THREADS={tools.threads}"
     try:
         q5 = find_q5(tools.q5, PROG)
         out = os.path.abspath(args.output)
@@ -58,9 +61,9 @@ def main(argv=None):
             ref_opts = replace(opts, reference=None, no_polyline=True, start=None)
             _, lines = import_run([opts.reference], reference_dir, ref_opts, force=True)
             print("\n".join(lines))
-            print(f"running q5 on the reference survey in {out}/reference")
+            print(f"running q5 on the reference survey in {out}/reference{with_threads}")
             t = time.time()
-            print("\n".join(run_q5(q5, reference_dir)))
+            print("\n".join(run_q5(q5, reference_dir, tools.threads)))
             t_ref = time.time() - t
             opts = replace(opts, start=os.path.join(reference_dir, "f001_res.dat"))
         _, lines = import_run(args.files, out, opts, force=args.force)
@@ -69,8 +72,8 @@ def main(argv=None):
             reference_dir = None
         t1 = time.time()
         print("\n".join(lines))
-        print(f"running q5 in {out}")
-        print("\n".join(run_q5(q5, out)))
+        print(f"running q5 in {out}{with_threads}")
+        print("\n".join(run_q5(q5, out, tools.threads)))
         t2 = time.time()
         written = plot_run(out, borehole=tools.borehole)
         if opts.reference:

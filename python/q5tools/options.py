@@ -5,7 +5,7 @@ the object, not a dictionary of what argparse happened to give."""
 from dataclasses import dataclass, field, fields
 from typing import ClassVar, Optional
 
-from . import geometry
+from . import geometry, threads
 
 SYSCAL, GEOMETRY, MESH, ERRORS, RUN = "Syscal Pro exports", "geometry", "mesh", "data and errors", "run"
 
@@ -44,6 +44,10 @@ def borehole_option():
 def q5_option():
     return option(None, "--q5", metavar="PATH",
                   help="the q5 program (default: beside %(prog)s, the source tree's build/q5, else on PATH)")
+
+
+def threads_option(help):
+    return option(None, "--threads", type=threads.parse, metavar="N", help=help)
 
 
 @dataclass(frozen=True)
@@ -134,8 +138,12 @@ class ImportOptions:
 
 @dataclass(frozen=True)
 class InvertOptions:
-    """What q5-invert adds to the import: where q5 is, and a borehole log."""
+    """What q5-invert adds to the import: where q5 is, its threads, and a
+    borehole log."""
     q5: Optional[str] = q5_option()
+    threads: Optional[int] = threads_option(
+        "threads of q5 (Q5_THREADS): 0 every core, or 1 to 256; the results are the same bytes"
+        " on any count (default: Q5_THREADS as the environment has it, else one)")
     borehole: Optional[str] = borehole_option()
 
 
@@ -158,4 +166,8 @@ class BatchOptions:
     sbatch_args: str = option("", "--sbatch-args", metavar="ARGS",
                               help='slurm: further sbatch options, e.g. "--partition=long --time=2:00:00 '
                                    '--account=geo"')
+    threads: Optional[int] = threads_option(
+        "threads of each dataset's q5 (Q5_THREADS): 0 every core, or 1 to 256 (default 1, whatever"
+        " the environment says); parallel: a warning when jobs x threads exceed the cores; slurm:"
+        " each array task asks for N CPUs, and with 0 q5 takes the CPUs its task is given")
     q5: Optional[str] = q5_option()

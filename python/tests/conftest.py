@@ -42,6 +42,27 @@ def tool(name, *args, cwd=None, **kw):
                           capture_output=True, text=True, cwd=cwd, **kw)
 
 
+def caller_env(q5_threads):
+    """The tools' environment with the caller's Q5_THREADS set (None: unset)."""
+    env = {k: v for k, v in os.environ.items() if k != "Q5_THREADS"}
+    if q5_threads is not None:
+        env["Q5_THREADS"] = q5_threads
+    return env
+
+
+THREAD_LINE = " >> T h r e a d s : {:3d}"
+
+
+def thread_line(q5_out):
+    """The thread line of a Q5.out, which q5 writes right after the date line
+    and nowhere else, or None without one."""
+    lines = open(q5_out).read().splitlines()
+    after_date = lines[next(k for k, l in enumerate(lines) if l.startswith(" >> D a t e")) + 1]
+    found = after_date if after_date.startswith(" >> T h r e a d s") else None
+    assert sum("T h r e a d s" in l for l in lines) == (found is not None), q5_out
+    return found
+
+
 def write(path, text, mode=None):
     with open(path, "w") as f:
         f.write(text)

@@ -1,7 +1,9 @@
 """q5-batch against one sequential q5 run: blocks found as q5 reads them
 (free-format lines, a count of 0, the end of the file), every gathered fKKK
 file byte for byte, names past f009 and f099, a difference run with its
-reference column, the rerun after an interruption and failing datasets."""
+reference column, the rerun after an interruption and failing datasets; the
+threads of each task's q5 and the warning when jobs x threads exceed the
+cores."""
 import os
 import signal
 import subprocess
@@ -10,16 +12,17 @@ import time
 
 import pytest
 
-from conftest import (BIN, ELEMENTS, QUADS, assert_identical, block_rows, control, make_run, protocol,
-                      q5_binary, results_of, sequential, tool, write)
+from conftest import (BIN, ELEMENTS, QUADS, THREAD_LINE, assert_identical, block_rows, caller_env, control,
+                      make_run, protocol, q5_binary, results_of, sequential, thread_line, tool, write)
 from q5tools import results
+from q5tools.threads import cores
 from q5tools.batch_dirs import gathered_name, stem
 from q5tools.listread import BAD, EOF, OK, LineFile, read_items
 from q5tools.runlayout import cut_blocks, read_layout
 
 
-def batch(run, *args, q5=None):
-    return tool("q5-batch", run, "--q5", q5 or q5_binary(), *args)
+def batch(run, *args, q5=None, env=None):
+    return tool("q5-batch", run, "--q5", q5 or q5_binary(), *args, env=env)
 
 
 def test_file_stems_and_gathered_names():
@@ -184,3 +187,49 @@ def test_interrupted_batch_reruns_only_what_is_unfinished(tmp_path, resistances)
     assert again.returncode == 0, again.stdout + again.stderr
     assert "2 dataset(s) finished before, 1 to run" in again.stdout
     assert_identical(tmp_path / "seq", run, [1, 2, 3])
+
+
+@pytest.mark.parametrize("options, caller, threads", [
+    # one thread unless asked: the caller's Q5_THREADS does not reach the tasks
+    ([], "2", None),
+    (["--threads", "2", "-j", "1"], None, 2),
+])
+def test_threads_of_every_task(tmp_path, resistances, options, caller, threads):
+    run = make_run(tmp_path / "run", control(iterations=1, res_calc=0), protocol(resistances, 2))
+    sequential(run, tmp_path / "seq")
+    done = batch(run, *options, env=caller_env(caller))
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert ("q5 on 2 threads each" in done.stdout) == (threads is not None)
+    for k in (1, 2):
+        line = None if threads is None else THREAD_LINE.format(threads)
+        assert thread_line(run / "batch" / f"{k:03d}" / "Q5.out") == line
+    assert_identical(tmp_path / "seq", run, [1, 2])
+
+
+C = cores()
+SLOWER = ": the runs slow each other down; keep -j times --threads within the cores"
+# options ({hosts}: a hosts file of this machine), datasets, the warning (None: none); jobs run at
+# most as many at a time as there are datasets to run
+EXCESS = [
+    (f"-j {C}", C, None),
+    (f"-j {C + 1}", C + 1, f"{C + 1} jobs x 1 thread = {C + 1} threads on {C} cores" + SLOWER),
+    (f"-j 1 --threads {C}", 2, None),
+    (f"-j 2 --threads {C}", 1, None),
+    ("--threads 2", C, f"{C} jobs x 2 threads = {2 * C} threads on {C} cores" + SLOWER),
+    ("-j 1 --threads 0", 2, None),
+    ("-j 2 --threads 0", 2, f"2 jobs x {C} threads (--threads 0: every core) = {2 * C} threads on {C} cores" + SLOWER),
+    ("--hosts {hosts} --threads 2", 1, "one job per core on each host x 2 threads = more threads than cores "
+                                      "on every host: give -j"),
+    ("--hosts {hosts} -j 2 --threads 0", 1, "2 jobs x every core (--threads 0) = more threads than cores on "
+                                           "every host: give -j 1 or a thread count"),
+    ("--hosts {hosts} -j 1 --threads 2", 1, None),
+]
+
+
+@pytest.mark.parametrize("options, datasets, warning", EXCESS)
+def test_warning_when_jobs_times_threads_exceed_the_cores(tmp_path, resistances, options, datasets, warning):
+    run = make_run(tmp_path / "run", control(iterations=1, res_calc=0), protocol(resistances, datasets))
+    hosts = write(tmp_path / "hosts", ":\n")
+    done = batch(run, *options.format(hosts=hosts).split())
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert done.stderr == ("" if warning is None else f"q5-batch: warning: {warning}\n")

@@ -14,7 +14,8 @@ import time
 
 import pytest
 
-from conftest import assert_identical, control, make_run, protocol, q5_binary, sequential, tool
+from conftest import (THREAD_LINE, assert_identical, control, make_run, protocol, q5_binary, sequential,
+                      thread_line, tool)
 
 DAEMONS = ("munged", "slurmctld", "slurmd", "sbatch", "sinfo")
 pytestmark = pytest.mark.skipif(os.environ.get("Q5_TEST_SLURM") != "1",
@@ -121,13 +122,20 @@ def cluster():
         shutil.rmtree(d, ignore_errors=True)
 
 
-@pytest.mark.parametrize("count, args, says, tasks", [
+# datasets, options, what q5-batch says, array tasks, the threads each q5 says it runs on (None: one)
+@pytest.mark.parametrize("count, args, says, tasks, threads", [
     (3, ["-j", "2", "--sbatch-args", "--partition=q5 --time=10"],
-     "a Slurm job array, at most 2 running at a time (--partition=q5 --time=10)", 3),
+     "a Slurm job array, at most 2 running at a time (--partition=q5 --time=10)", 3, None),
     # the cluster's MaxArraySize of 5 allows indices 1 to 4: four tasks, the first two run two datasets each
-    (6, [], "arrays hold at most 4 tasks: each task runs every 4th dataset", 4),
+    (6, [], "arrays hold at most 4 tasks: each task runs every 4th dataset", 4, None),
+    (2, ["--threads", "2"], "a Slurm job array, q5 on 2 threads each", 2, 2),
+    # every CPU of the task, which is one unless asked for: not the node's two, which the
+    # cluster's task/none would let q5 see as its own
+    (2, ["--threads", "0"], "a Slurm job array, q5 on every CPU of its task", 2, None),
+    (2, ["--threads", "0", "--sbatch-args", "--partition=q5 --cpus-per-task=2"],
+     "q5 on every CPU of its task", 2, 2),
 ])
-def test_batch_as_a_slurm_job_array(tmp_path, resistances, cluster, count, args, says, tasks):
+def test_batch_as_a_slurm_job_array(tmp_path, resistances, cluster, count, args, says, tasks, threads):
     run = make_run(tmp_path / "run", control(), protocol(resistances, count))
     sequential(run, tmp_path / "seq")
     done = tool("q5-batch", run, "--engine", "slurm", "--q5", q5_binary(), *args, env=cluster, timeout=300)
@@ -139,3 +147,5 @@ def test_batch_as_a_slurm_job_array(tmp_path, resistances, cluster, count, args,
     node = socket.gethostname().split(".")[0]
     for k in range(1, count + 1):
         assert open(run / "batch" / f"{k:03d}" / "q5-batch.exit").read().split()[3] == node
+        assert thread_line(run / "batch" / f"{k:03d}" / "Q5.out") == \
+            (None if threads is None else THREAD_LINE.format(threads))

@@ -140,6 +140,7 @@ WORLD = {
 RUN = {"run/Q5.in": control(), "run/protocol.dat": "1\n1 1 2 3 4 1.0\n"}
 LINES = control().splitlines()
 T = "{t}"   # the test's directory in an expected message
+THREADS = "error: argument --threads: must be 0 (every core) or a whole number from 1 to 256, not '{}'"
 
 # command, arguments, files besides WORLD, the message's fragment, whether nothing changes on disk
 COMMANDS = [
@@ -172,6 +173,8 @@ COMMANDS = [
     ("q5-invert", "good.dat -o run --q5 stop-q5", {},
      f"{T}/run/Q5.out: q5 stopped: FATAL: Incorrect job type specified - must be 0/1", False),
     ("q5-invert", "good.dat -o run --iterations many", {}, "error: argument --iterations: invalid int value", True),
+    *[("q5-invert", f"good.dat -o run --q5 ok-q5 --threads {n}", {}, THREADS.format(n), True)
+      for n in ("-1", "x", "1.5", "257")],
     ("q5-plot", "missing", {}, "missing: holds no model file (fNNN_res.vtk or forward_model.vtk)", True),
     ("q5-plot", ". --borehole missing.txt", {}, "missing.txt: No such file or directory", True),
     ("q5-plot", "", {}, "error: the following arguments are required: DIR", True),
@@ -187,6 +190,8 @@ COMMANDS = [
     ("q5-batch", "run --q5 ok-q5", {**RUN, "run/Q5.in": "\n".join(LINES[:9]) + "\n"},
      f"{T}/run/Q5.in line 9: the file ends inside the inverse type", True),
     ("q5-batch", "run --q5 ok-q5 -j 0", RUN, "error: -j needs a positive number", True),
+    *[("q5-batch", f"run --q5 ok-q5 --threads {n}", RUN, THREADS.format(n), True)
+      for n in ("-1", "x", "1.5", "257")],
     ("q5-batch", "run --q5 ok-q5 --engine slurm --hosts file", RUN,
      "file: --hosts belongs to the parallel engine; Slurm chooses the nodes", False),
     # an unusable path after the set-up, once the datasets have run
