@@ -60,19 +60,10 @@ void build_control(int* pardiso_control) {
   pardiso_control[59] = 1;   // 60: in core if it fits, else out of core
 }
 
-// Two reorderings (phase 11) of the library running at once, each on its own
-// handle, do not always give the ordering either gives alone: on a triangle
-// mesh the Jacobian's potentials, and with them every model, then change
-// from run to run in the fourth digit. Reorderings therefore take turns;
-// factorisations and solves still run side by side.
-std::mutex reordering_turn;
-
 // One solver call of the given phase on the assembled upper triangle.
 int call_pardiso(int phase, int n, const MatrixPattern& pattern,
                  ForwardWork* work, int* perm, double* b, double* x) {
   int error = 0;
-  std::unique_lock<std::mutex> turn(reordering_turn, std::defer_lock);
-  if (phase == 11) turn.lock();
   pardiso(work->solver_handle, &max_factors, &matrix_number, &matrix_type,
           &phase, &n, work->matrix_values.data(),
           pattern.matrix_row_start.data(), pattern.matrix_columns.data(), perm,
@@ -123,10 +114,12 @@ int reorder_and_factorise(int n, const MatrixPattern& pattern,
   double t0 = rec ? stage_clock() : 0.0;
   int error;
   {
-    // Reorderings run one at a time, whatever the threads: two at once
-    // come out as different orderings, and so as different rounding of
-    // the factors, while one at a time each is the ordering a single
-    // thread gets. Factorisations and solves run side by side.
+    // Reorderings run one at a time, whatever the threads: two at once,
+    // each on its own handle, do not always give the ordering either gives
+    // alone, and the factors then round differently (every model changed
+    // from run to run in its fourth digit). One at a time, each is the
+    // ordering a single thread gets. Factorisations and solves run side by
+    // side.
     std::lock_guard<std::mutex> hold(reordering_lock);
     error = call_pardiso(11, n, pattern, work, &dummy_int, &dummy_double,
                          &dummy_double);
