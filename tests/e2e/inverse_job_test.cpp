@@ -252,8 +252,8 @@ TEST_P(FailureOnThreads, ReadsAsTheFirstFailureOnOneThread) {
                 : Files{{"Q5.in", inverse_control(s, survey_regions(s, 100.0, {}),
                                                   settings(1, 0.0, 1, 0, 5, 0, 0.03), 0, "3.0")},
                         {"protocol.dat", survey_block(s, d) + survey_block(s, d)}};
-  const RunResult one = run_failing_solver(inputs, c.threads * c.q * 15 + c.r + 1, "1");
-  const RunResult many = run_failing_solver(inputs, c.q * 15 + c.r + 1, std::to_string(c.threads));
+  const RunResult one = run_q5_on_threads(inputs, "1", c.threads * c.q * 15 + c.r + 1);
+  const RunResult many = run_q5_on_threads(inputs, std::to_string(c.threads), c.q * 15 + c.r + 1);
   ASSERT_EQ(std::count(one.lines.begin(), one.lines.end(), " Error in Pardiso call:  error flag =         -4"), 1)
       << one.console;
   expect_same_runs(one, many, std::to_string(c.threads) + " threads");

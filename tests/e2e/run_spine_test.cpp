@@ -2,6 +2,11 @@
 // (expected/spine_<case>.txt): end of data, every fatal stop, the text
 // layer's failures (no stop word, status 2), and the banners and warnings.
 #include <gtest/gtest.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
 
 #include "support/support.h"
 
@@ -106,5 +111,48 @@ TEST_P(RunSpine, TranscriptAsExpected) {
 
 INSTANTIATE_TEST_SUITE_P(Cases, RunSpine, ::testing::ValuesIn(kCases),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// Q5_THREADS: empty or 1 is the program of no variable, line for line; a
+// count other than 1 is told after the date, on the console and then in the
+// log, and the run is the one-thread run; any other value stops at once, the
+// value shown as given but cut to 40 characters, control characters as '?'.
+TEST(RunSpine, ThreadsVariable) {
+  const Files inputs = {{"Q5.in", kJob}, {"protocol.dat", "1\n1 1 2 3 4\n"}};
+  const RunResult unset = run_q5(inputs);
+  for (const char* same : {"", "1"})
+    EXPECT_EQ(transcript(run_q5_on_threads(inputs, same)), transcript(unset)) << "'" << same << "'";
+
+  cpu_set_t set;
+  ASSERT_EQ(sched_getaffinity(0, sizeof set, &set), 0);
+  for (const std::string& count : {std::string("3"), std::string("0")}) {
+    const RunResult run = run_q5_on_threads(inputs, count);
+    const std::string shown = count == "0" ? std::to_string(CPU_COUNT(&set)) : count;
+    const std::string line = " >> T h r e a d s : " + std::string(3 - shown.size(), ' ') + shown;
+    for (const Lines& lines : {run.lines, split_lines(read_file(run.dir + "/Q5.out"))}) {
+      const auto date = std::find_if(lines.begin(), lines.end(),
+                                     [](const std::string& l) { return l.rfind(" >> D a t e", 0) == 0; });
+      ASSERT_TRUE(date != lines.end() && date + 1 != lines.end());
+      EXPECT_EQ(date[1], line) << count;
+    }
+    if (CPU_COUNT(&set) > 1 || count != "0") expect_same_runs(unset, run, "Q5_THREADS=" + count);
+  }
+
+  // The whole transcript of one refused value; then the message of others.
+  expect_matches_file("e2e/expected/spine_threads_invalid.txt", transcript(run_q5_on_threads(inputs, "two")));
+  const std::string words = " FATAL: Q5_THREADS must be 0 (every core) or a whole number from 1 to 256, not ";
+  const std::pair<std::string, std::string> refused[] = {
+      {"-1", "-1"}, {"257", "257"}, {"1.5", "1.5"}, {" 2", " 2"}, {"2 ", "2 "}, {"+2", "+2"}, {"0x10", "0x10"},
+      {"\t3", "?3"}, {std::string(45, '7'), std::string(40, '7')}};
+  for (const auto& [value, shown] : refused) {
+    const RunResult run = run_q5_on_threads(inputs, value);
+    const Lines log = split_lines(read_file(run.dir + "/Q5.out"));
+    ASSERT_GE(run.lines.size(), 2u) << value;
+    EXPECT_EQ(run.lines.end()[-2], words + "\"" + shown + "\"") << value;
+    EXPECT_EQ(run.lines.back(), "FATAL error") << value;
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.back(), words + "\"" + shown + "\"") << value;
+    EXPECT_EQ(run.exit_status, 0) << value;
+  }
+}
 
 }  // namespace

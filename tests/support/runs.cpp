@@ -144,12 +144,14 @@ RunResult run_q5(const Files& inputs, int failing_call) {
                           Q5_FAILING_SOLVER_BINARY);
   const RunResult one = run_in_scratch(inputs, "-u Q5_THREADS", Q5_BINARY);
   for (const std::string& count : thread_counts_under_test())
-    expect_same_runs(one, run_in_scratch(inputs, "Q5_THREADS=" + count, Q5_BINARY), "Q5_THREADS=" + count);
+    expect_same_runs(one, run_q5_on_threads(inputs, count), "Q5_THREADS=" + count);
   return one;
 }
 
-RunResult run_failing_solver(const Files& inputs, int failing_call, const std::string& threads) {
-  return run_in_scratch(inputs, "Q5_THREADS=" + threads + " Q5_FAIL_SOLVER_CALL=" + std::to_string(failing_call),
+RunResult run_q5_on_threads(const Files& inputs, const std::string& threads, int failing_call) {
+  const std::string environment = "'Q5_THREADS=" + threads + "'";
+  if (failing_call == 0) return run_in_scratch(inputs, environment, Q5_BINARY);
+  return run_in_scratch(inputs, environment + " Q5_FAIL_SOLVER_CALL=" + std::to_string(failing_call),
                         Q5_FAILING_SOLVER_BINARY);
 }
 std::string transcript(const RunResult& run, const Lines& whole) {

@@ -39,9 +39,10 @@ RunResult run_q5(const Files& inputs, int failing_call = 0);
 // Thread counts of Q5_TEST_THREADS, a list such as "2,3,0"; none when unset.
 Lines thread_counts_under_test();
 
-// The failing-solver build on Q5_THREADS=threads, each thread of which fails
-// its own solver call number failing_call.
-RunResult run_failing_solver(const Files& inputs, int failing_call, const std::string& threads);
+// run_q5 with Q5_THREADS=threads in the environment (any text); with
+// failing_call > 0 each thread of the failing-solver build fails its own
+// solver call of that number.
+RunResult run_q5_on_threads(const Files& inputs, const std::string& threads, int failing_call = 0);
 
 // Expects run `many` (on several threads) to equal run `one`: the same exit
 // status and files, each byte for byte but the console and Q5.out, which
