@@ -84,13 +84,17 @@ def identity(name, case_dir, work, reference=None):
     if reference is None:
         reference = run(case_dir, work, 1)[2]
     ok = True
+    peaks = []
     for threads in (2, 3, 0):
-        bad = differences(reference, run(case_dir, work, threads)[2])
+        _, peak, run_dir = run(case_dir, work, threads)
+        peaks.append(f"{threads}: {peak / 1024:.0f} MB")
+        bad = differences(reference, run_dir)
         if bad:
             ok = False
             print(f"  {name}: Q5_THREADS={threads} differs in {', '.join(bad)}")
     files = len(os.listdir(reference))
-    print(f"  {name}: {files} files, 2, 3 and 0 threads {'identical' if ok else 'DIFFER'} to one thread")
+    print(f"  {name}: {files} files, 2, 3 and 0 threads {'identical' if ok else 'DIFFER'} to one thread "
+          f"(peak memory {', '.join(peaks)})")
     return ok
 
 

@@ -1,6 +1,7 @@
 // Forward loop: one conductivity model to one transfer resistance per
 // measurement, summing the two-dimensional solutions of every wavenumber
-// along strike with their quadrature weights.
+// along strike with their quadrature weights; the wavenumbers are solved on
+// the threads of the team and summed in their order.
 #include <cstddef>
 #include <vector>
 
