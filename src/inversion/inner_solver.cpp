@@ -96,23 +96,31 @@ void column_range_sums(const double* J, int n, int j0, int j1, Term term,
   }
 }
 
+// Calls range(first, end) for the items 0..count - 1 of a pass over J (n
+// by P): one call for all on one thread or a small J, else one call per
+// thread, the items shared out in whole units of `unit` (a block of
+// columns, a chunk of rows) so that the sweeps keep their widths.
+template <class Range>
+void share_pass(int n, int P, int count, int unit, Range range) {
+  const int units = (count + unit - 1) / unit;
+  int T = pass_threads(n, P);
+  if (T > units) T = units;
+  if (T <= 1) return range(0, count);
+  auto part = [&](int t) {
+    int u0, u1;
+    thread_range(t, T, units, &u0, &u1);
+    range(u0 * unit, u1 * unit < count ? u1 * unit : count);
+  };
+  run_on_threads(T, part);
+}
+
 // Column sums of all of J, the columns shared out among the threads in whole
 // blocks: each sum is made by one thread, in its own order.
 template <class Term>
 void column_sums(const double* J, int n, int P, Term term, double* out) {
-  const int blocks = (P + block - 1) / block;
-  int T = pass_threads(n, P);
-  if (T > blocks) T = blocks;
-  auto part = [&](int t) {
-    int b0, b1;
-    thread_range(t, T, blocks, &b0, &b1);
-    column_range_sums(J, n, b0 * block, b1 * block < P ? b1 * block : P, term,
-                      out);
-  };
-  if (T <= 1)
-    column_range_sums(J, n, 0, P, term, out);
-  else
-    run_on_threads(T, part);
+  share_pass(n, P, P, block, [&](int j0, int j1) {
+    column_range_sums(J, n, j0, j1, term, out);
+  });
 }
 
 // t(i) += (J(i,k) * p_k) * D_k for the rows i = first..end - 1 and the B
@@ -199,18 +207,7 @@ void scaled_product(const double* J, const double* p, const double* D, int n,
     for (int k = whole; k < P; ++k)
       add_columns<1>(J, n, first, end, k, 0, p, D, t);
   };
-  const int chunks = (n + chunk - 1) / chunk;
-  int T = pass_threads(n, P);
-  if (T > chunks) T = chunks;
-  auto part = [&](int thread) {
-    int c0, c1;
-    thread_range(thread, T, chunks, &c0, &c1);
-    rows(c0 * chunk, c1 * chunk < n ? c1 * chunk : n);
-  };
-  if (T <= 1)
-    rows(0, n);
-  else
-    run_on_threads(T, part);
+  share_pass(n, P, n, chunk, rows);
 }
 
 double regularisation_row(const RegularisationMatrix& C, int j,
